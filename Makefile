@@ -1,0 +1,64 @@
+PYTHON ?= python3.10
+VENV := .venv
+BIN := $(VENV)/bin
+# scikit-build-core takes cmake and ninja from here, not from the machine.
+export PATH := $(CURDIR)/$(BIN):$(PATH)
+export PIP_DISABLE_PIP_VERSION_CHECK := 1
+
+MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
+DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
+
+.PHONY: demo test lint format install-into clean
+
+demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
+	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
+
+test: $(VENV)/test.stamp
+	$(BIN)/python -m pytest $(TESTS)
+
+lint: $(VENV)/lint.stamp
+	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format --dry-run --Werror
+	$(BIN)/cmake -S . -B build/lint -G Ninja -DCMAKE_CXX_COMPILER=g++ -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
+	git ls-files 'src/*.cpp' | xargs -P 2 -n 1 $(BIN)/clang-tidy --quiet -p build/lint
+	$(BIN)/ruff check
+	$(BIN)/ruff format --check
+	$(BIN)/mypy host tests
+	cd host && ../$(BIN)/python -m mypy.stubtest --mypy-config-file ../pyproject.toml quillstone.workers.wiki.page_retirement
+
+format: $(VENV)/lint.stamp
+	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format -i
+	$(BIN)/ruff check --fix
+	$(BIN)/ruff format
+
+install-into:  ## the extension and its types into a host's own package tree: make install-into TREE=path
+	@test -d "$(TREE)/quillstone" || { echo "TREE=$(TREE) holds no package quillstone" >&2; exit 2; }
+	@$(MAKE) --no-print-directory $(VENV)/build.stamp
+	$(BIN)/cmake -S . -B build/tree -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
+	$(BIN)/cmake --build build/tree
+	$(BIN)/cmake --install build/tree --prefix "$(TREE)"
+
+clean:
+	rm -rf build dist $(VENV)
+
+$(VENV)/created.stamp: .python-version
+	$(PYTHON) -c 'import sys; sys.exit(sys.version_info[:2] != (3, 10) and "CPython 3.10 is needed: make PYTHON=path")'
+	$(PYTHON) -m venv $(VENV)
+	@touch $@
+
+# Each kind of work installs no more than it needs: %.stamp has requirements/%.txt in place, and the module built.
+$(VENV)/build.stamp: requirements/build.txt $(VENV)/created.stamp
+	$(BIN)/pip install --quiet -r $<
+	@touch $@
+
+$(VENV)/module.stamp: $(VENV)/build.stamp $(MODULE)
+	$(BIN)/pip install --quiet --no-build-isolation --no-deps --force-reinstall .
+	@touch $@
+
+$(VENV)/demo.stamp: requirements/demo.txt host/pyproject.toml $(VENV)/module.stamp
+	$(BIN)/pip install --quiet -r $<
+	$(BIN)/pip install --quiet --no-build-isolation --no-deps -e host
+	@touch $@
+
+$(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
+	$(BIN)/pip install --quiet -r $<
+	@touch $@

@@ -1,0 +1,134 @@
+// Plain functions of the interpreter whose body is C++.
+//
+// Such a function is a types.FunctionType over a code object of our own that hands its parameters to a builtin, the
+// shell. So the interpreter binds arguments, words errors and shows the call to tracers as for any function. A call
+// that is purely positional and complete goes straight to the body through the function's vectorcall instead.
+#pragma once
+
+#include <array>
+
+#include "scope.hpp"
+
+namespace py {
+
+struct Parameter {
+  const char* name;
+  const char* annotation = nullptr;
+};
+
+/// What Python shows of a function.
+struct Signature {
+  const char* name;
+  std::array<Parameter, 5> parameters;  // up to the first without a name
+  const char* result;
+  const char* doc;
+  bool last_is_optional = false;  // its default is None
+  Where where = Where::current();
+
+  constexpr std::size_t arity() const {
+    std::size_t count = 0;
+    while (count < parameters.size() && parameters[count].name != nullptr) ++count;
+    return count;
+  }
+};
+
+/// As the compiler sets them for a plain function of a module with postponed annotations.
+inline constexpr int shell_flags = CO_OPTIMIZED | CO_NEWLOCALS | CO_NOFREE | CO_FUTURE_ANNOTATIONS;
+
+/// Code that calls the builtin at constant 1 with all of its `arity` parameters.
+Object shell_bytecode(std::size_t arity);
+/// The code object of a shell.
+Object shell_code(const Signature& signature, Handle bytecode, Handle shell);
+/// The function over `code` in the namespace `globals`, with defaults and annotations.
+Object function_over(const Signature& signature, Handle code, Handle globals, Handle qualified_name);
+
+/// What a state holds for the functions of its module.
+class Shells {
+ public:
+  static constexpr std::size_t most_parameters = std::tuple_size_v<decltype(Signature::parameters)>;
+
+  Shells() {
+    for (std::size_t arity = 0; arity < bytecodes_.size(); ++arity) bytecodes_[arity] = shell_bytecode(arity);
+  }
+  const Object& bytecode(std::size_t arity) const { return bytecodes_[arity]; }
+
+ private:
+  std::array<Object, most_parameters + 1> bytecodes_;
+};
+
+/// Makes the function that `Definition` describes, as a member of `module_state`'s module.
+using MakeFunction = Object (*)(Handle module_state, Handle globals, Handle qualified_name);
+
+/// `Definition` has a `signature` and a static `body(const Scope<State>&, Handle...)`.
+template <class State, class Definition>
+class Function {
+ public:
+  static Object make(Handle module_state, Handle globals, Handle qualified_name) {
+    const Object shell = steal(PyCFunction_New(&shell_definition, module_state));
+    const Object code = shell_code(signature, state_of<State>(module_state).shells.bytecode(arity), shell);
+    Object function = function_over(signature, code, globals, qualified_name);
+    auto* plain = reinterpret_cast<PyFunctionObject*>(function.get());
+    if (plain->vectorcall == &_PyFunction_Vectorcall) plain->vectorcall = &call;
+    return function;
+  }
+
+ private:
+  static constexpr const Signature& signature = Definition::signature;
+  static constexpr std::size_t arity = signature.arity();
+
+  /// The direct way; every other kind of call is the interpreter's.
+  static PyObject* call(PyObject* callable, PyObject* const* arguments, std::size_t flags, PyObject* keywords) noexcept {
+    auto* function = reinterpret_cast<PyFunctionObject*>(callable);
+    PyThreadState* thread = PyThreadState_Get();
+    PyObject* owner = nullptr;
+    if (PyVectorcall_NARGS(flags) != Py_ssize_t{arity} || keywords != nullptr || thread->cframe->use_tracing ||
+        (owner = own_state(reinterpret_cast<PyCodeObject*>(function->func_code))) == nullptr)
+      return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
+    if (Py_EnterRecursiveCall("")) return nullptr;
+    const Object hold = borrow(owner);  // a callee may give the function other code
+    PyObject* result = run(owner, function->func_globals, function->func_builtins, arguments);
+    Py_LeaveRecursiveCall();
+    return result;
+  }
+
+  /// The state behind `code` when executing it would do nothing but call this body, else null.
+  static PyObject* own_state(const PyCodeObject* code) noexcept {
+    if (PyTuple_GET_SIZE(code->co_consts) != 2) return nullptr;
+    PyObject* shell = PyTuple_GET_ITEM(code->co_consts, 1);
+    if (!PyCFunction_CheckExact(shell)) return nullptr;
+    const auto* builtin = reinterpret_cast<PyCFunctionObject*>(shell);
+    if (builtin->m_ml != &shell_definition) return nullptr;
+    const bool ours = code->co_code == state_of<State>(builtin->m_self).shells.bytecode(arity).get() &&
+                      code->co_argcount == int{arity} && code->co_kwonlyargcount == 0 &&
+                      code->co_flags == shell_flags;
+    return ours ? builtin->m_self : nullptr;
+  }
+
+  /// The way by the interpreter, which runs the shell's code in the namespace of the function.
+  static PyObject* call_shell(PyObject* owner, PyObject* const* arguments, Py_ssize_t count) noexcept {
+    PyObject* globals = PyEval_GetGlobals();
+    PyObject* builtins = PyEval_GetBuiltins();
+    if (count != Py_ssize_t{arity} || globals == nullptr) {
+      PyErr_Format(PyExc_TypeError, "the shell of %s() is called by its function only", signature.name);
+      return nullptr;
+    }
+    return run(owner, globals, builtins, arguments);
+  }
+
+  static PyObject* run(PyObject* owner, PyObject* globals, PyObject* builtins, PyObject* const* arguments) noexcept {
+    const Scope<State> scope(owner, globals, builtins, signature.name);
+    try {
+      return [&]<std::size_t... i>(std::index_sequence<i...>) {
+        return Definition::body(scope, Handle(arguments[i])...).release();
+      }(std::make_index_sequence<arity>());
+    } catch (Error& error) {
+      add_traceback(error, signature.name, globals);
+      return nullptr;
+    }
+  }
+
+  static inline PyMethodDef shell_definition = {
+      signature.name, reinterpret_cast<PyCFunction>(reinterpret_cast<void*>(&call_shell)), METH_FASTCALL, nullptr};
+};
+
+}  // namespace py

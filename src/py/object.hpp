@@ -1,0 +1,90 @@
+// References that say who owns, and the exception that says "an error is set in the interpreter".
+#pragma once
+
+#include <Python.h>
+
+#include <source_location>
+#include <utility>
+
+namespace py {
+
+/// A place in the source; as a default argument it is the place of the call, so a failing step knows its line.
+using Where = std::source_location;
+
+/// Thrown while the error itself stays in the interpreter.
+struct Error {
+  Where where;
+  bool in_traceback = false;  // the running function has its entry already
+};
+
+class Object;
+
+/// A borrowed reference, for parameters only: whoever passes it keeps the object alive.
+class Handle {
+ public:
+  constexpr Handle(PyObject* object) noexcept : object_(object) {}
+  inline Handle(const Object& object) noexcept;
+  constexpr operator PyObject*() const noexcept { return object_; }
+  /// For the interpreter's macros, which cast to the struct behind an object.
+  template <class Struct>
+  explicit operator Struct*() const noexcept {
+    return reinterpret_cast<Struct*>(object_);
+  }
+
+ private:
+  PyObject* object_;
+};
+
+/// A strong reference, or none after a move.
+class Object {
+ public:
+  Object() noexcept = default;
+  explicit Object(PyObject* owned) noexcept : object_(owned) {}
+  Object(const Object& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
+  Object(Object&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  Object& operator=(Object other) noexcept {  // by value: the old object dies after the new one is in place
+    std::swap(object_, other.object_);
+    return *this;
+  }
+  ~Object() { Py_XDECREF(object_); }
+
+  PyObject* get() const noexcept { return object_; }
+  PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+  explicit operator bool() const noexcept { return object_ != nullptr; }
+
+ private:
+  PyObject* object_ = nullptr;
+};
+
+inline Handle::Handle(const Object& object) noexcept : object_(object.get()) {}
+
+/// Takes over a new reference; null means that the call failed.
+inline Object steal(PyObject* owned, Where where = Where::current()) {
+  if (owned == nullptr) [[unlikely]] throw Error{where};
+  return Object(owned);
+}
+
+inline Object borrow(Handle object) noexcept {
+  Py_INCREF(static_cast<PyObject*>(object));
+  return Object(object);
+}
+
+/// Passes the answer of a call on that reports failure by a negative number.
+template <class Answer>
+Answer check(Answer answer, Where where = Where::current()) {
+  if (answer < 0) [[unlikely]] throw Error{where};
+  return answer;
+}
+
+[[noreturn]] inline void raise(PyObject* type, const char* message, Where where = Where::current()) {
+  PyErr_SetString(type, message);
+  throw Error{where};
+}
+
+/// An interned string, made once for a module.
+class Name : public Object {
+ public:
+  Name(const char* text, Where where = Where::current()) : Object(steal(PyUnicode_InternFromString(text), where)) {}
+};
+
+}  // namespace py

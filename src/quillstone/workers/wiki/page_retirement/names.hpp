@@ -1,0 +1,188 @@
+// What the functions of a module share: its interned names, keyword tuples and the code of its generator.
+#pragma once
+
+#include "py/function.hpp"
+#include "py/iteration.hpp"
+
+namespace page_retirement {
+
+using py::Callee;
+using py::Dict;
+using py::each;
+using py::Handle;
+using py::items;
+using py::List;
+using py::Object;
+using py::Set;
+using py::unpack;
+
+/// A tuple of keywords, in the order of the call.
+template <class... Text>
+Object keywords(const Text*... text) {
+  return py::steal(PyTuple_Pack(sizeof...(text), py::Name(text).get()...));
+}
+
+struct State {
+  static constexpr const char* type_name = "quillstone.workers.wiki.page_retirement.state";
+
+  py::Shells shells;
+
+  // Module-level names
+  py::Global _atomic_write{"_atomic_write"};
+  py::Global _judged_sources{"_judged_sources"};
+  py::Global _norm{"_norm"};
+  py::Global cached_prose{"cached_prose"};
+  py::Global carried_sections{"carried_sections"};
+  py::Global contextlib{"contextlib"};
+  py::Global json{"json"};
+  py::Global logger{"logger"};
+  py::Global merged_predecessors{"merged_predecessors"};
+  py::Global NOTE_LEVEL{"NOTE_LEVEL"};
+  py::Global page_prose{"page_prose"};
+  py::Global with_carried{"with_carried"};
+
+  // The host: its attributes and methods, the store's operations
+  py::Name branch{"branch"};
+  py::Name pages_dir{"pages_dir"};
+  py::Name repo_root{"repo_root"};
+  py::Name repository{"repository"};
+  py::Name _carry_into_successors{"_carry_into_successors"};
+  py::Name _indexed_paths{"_indexed_paths"};
+  py::Name _notes_whose_file_is_gone{"_notes_whose_file_is_gone"};
+  py::Name _page_text{"_page_text"};
+  py::Name _prune_retired_pages{"_prune_retired_pages"};
+  py::Name _retired_only_because_the_index_is_behind{"_retired_only_because_the_index_is_behind"};
+  py::Name _retired_page_ids{"_retired_page_ids"};
+  py::Name _upsert_successor{"_upsert_successor"};
+  py::Name db{"db"};
+  py::Name delete_wiki_page{"delete_wiki_page"};
+  py::Name get_wiki_pages{"get_wiki_pages"};
+  py::Name list_indexed_files{"list_indexed_files"};
+  py::Name transaction{"transaction"};
+  py::Name upsert_wiki_page{"upsert_wiki_page"};
+
+  // Fields of a page row and of an index record
+  py::Name build_cache{"build_cache"};
+  py::Name citations{"citations"};
+  py::Name content_hash{"content_hash"};
+  py::Name description{"description"};
+  py::Name importance{"importance"};
+  py::Name level{"level"};
+  py::Name model{"model"};
+  py::Name page_id{"page_id"};
+  py::Name page_type{"page_type"};
+  py::Name parent_section{"parent_section"};
+  py::Name path{"path"};
+  py::Name prose{"prose"};
+  py::Name rel_path{"rel_path"};
+  py::Name related_pages{"related_pages"};
+  py::Name source_files{"source_files"};
+  py::Name summary{"summary"};
+  py::Name symbols{"symbols"};
+  py::Name title{"title"};
+
+  // Methods and attributes of the standard library's objects
+  py::Name __enter__{"__enter__"};
+  py::Name __exit__{"__exit__"};
+  py::Name dumps{"dumps"};
+  py::Name exists{"exists"};
+  py::Name get{"get"};
+  py::Name glob{"glob"};
+  py::Name insert{"insert"};
+  py::Name is_dir{"is_dir"};
+  py::Name is_file{"is_file"};
+  py::Name items{"items"};
+  py::Name parent{"parent"};
+  py::Name read_text{"read_text"};
+  py::Name setdefault{"setdefault"};
+  py::Name strip{"strip"};
+  py::Name suppress{"suppress"};
+  py::Name unlink{"unlink"};
+  py::Name warning{"warning"};
+
+  // Values
+  py::Name agent_session{"agent-session"};
+  py::Name any_md{"*.md"};
+  py::Name dot_md{".md"};
+  py::Name empty{""};
+  py::Name medium{"medium"};
+  py::Name module{"module"};
+  py::Name notes{"notes"};
+  py::Name notes_slash{"notes/"};
+  py::Name pages_slash{"pages/"};
+  py::Name stale{"stale"};
+  py::Name utf_8{"utf-8"};
+  Object zero = py::integer(0);
+  Object million = py::integer(1'000'000);
+
+  Object dumps_keywords = keywords("ensure_ascii");
+  Object list_indexed_files_keywords = keywords("source_only", "limit");
+  Object unlink_keywords = keywords("missing_ok");
+  Object upsert_keywords =
+      keywords("description", "importance", "level", "parent_section", "rel_path", "source_files", "source_hashes",
+               "symbols", "related_pages", "citations", "content_hash", "model", "status", "summary", "build_cache",
+               "page_type");
+
+  Object pairs_code = make_pairs_code();
+  py::Name pairs_name{"PageRetirementMixin._carry_into_successors.<locals>.<genexpr>"};
+
+  /// The code of the generator that draws title/prose pairs (carry.cpp).
+  static Object make_pairs_code();
+};
+
+using Scope = py::Scope<State>;
+
+/// `row.get(field)`
+inline Object field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
+  if (!PyDict_CheckExact(row)) return py::method(row, m->get, where)(name);
+  Object value = py::find(row, name, where);
+  return value ? value : py::none();
+}
+
+/// `row.get(field) or default`
+inline Object field_or(const Scope& m, Handle row, Handle name, Handle otherwise,
+                       py::Where where = py::Where::current()) {
+  Object value = field(m, row, name, where);
+  return py::truth(value, where) ? value : py::borrow(otherwise);
+}
+
+/// `row.get(field) or []`
+inline Object list_field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
+  Object value = field(m, row, name, where);
+  return py::truth(value, where) ? value : List(where);
+}
+
+/// `f"{id}.md"`
+inline Object md_name(const Scope& m, Handle id, py::Where where = py::Where::current()) {
+  return py::concat(py::formatted(id, where), m->dot_md, where);
+}
+
+/// `self.pages_dir / f"{id}.md"`
+inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where = py::Where::current()) {
+  const Object pages_dir = py::attr(self, m->pages_dir, where);
+  return py::join(pages_dir, md_name(m, id, where), where);
+}
+
+/// `{row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}`
+inline Dict stored_rows(const Scope& m, Handle self, py::Where where = py::Where::current()) {
+  const Callee get_wiki_pages = py::method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
+  Dict rows(where);
+  for (Object row : each(get_wiki_pages(py::attr(self, m->branch, where)), where))
+    rows.set(py::item(row, m->page_id, where), row, where);
+  return rows;
+}
+
+// The module-level function, then the methods of the class in the order of their definition
+
+extern const py::MakeFunction judged_sources;
+extern const py::MakeFunction apply_replan_to_store;
+extern const py::MakeFunction prune_retired_pages;
+extern const py::MakeFunction retired_page_ids;
+extern const py::MakeFunction notes_whose_file_is_gone;
+extern const py::MakeFunction carry_into_successors;
+extern const py::MakeFunction page_text;
+extern const py::MakeFunction upsert_successor;
+extern const py::MakeFunction indexed_paths;
+extern const py::MakeFunction retired_only_because_the_index_is_behind;
+
+}  // namespace page_retirement

@@ -35,16 +35,15 @@ Object shell_bytecode(std::size_t arity) {
 Object shell_code(const Signature& signature, Handle bytecode, Handle shell) {
   const auto arity = static_cast<int>(signature.arity());
   const Object variables = steal(PyTuple_New(arity));
-  for (int i = 0; i < arity; ++i)
-    PyTuple_SET_ITEM(variables.get(), i, string(signature.parameters[i].name).release());
+  for (int i = 0; i < arity; ++i) PyTuple_SET_ITEM(variables.get(), i, string(signature.parameters[i].name).release());
   const Object constants = steal(PyTuple_Pack(2, string(signature.doc).get(), static_cast<PyObject*>(shell)));
   const Object nothing = steal(PyTuple_New(0));
   const char line_table[] = {static_cast<char>(PyBytes_GET_SIZE(static_cast<PyObject*>(bytecode))), 0};  // one line
   const Object lines = steal(PyBytes_FromStringAndSize(line_table, sizeof line_table));
-  return steal(reinterpret_cast<PyObject*>(PyCode_NewWithPosOnlyArgs(
-      arity, 0, 0, arity, arity + 1, shell_flags, bytecode, constants.get(), nothing.get(), variables.get(),
-      nothing.get(), nothing.get(), shell_file_name(signature.where).get(), string(signature.name).get(),
-      static_cast<int>(signature.where.line()), lines.get())));
+  return steal(reinterpret_cast<PyObject*>(
+      PyCode_NewWithPosOnlyArgs(arity, 0, 0, arity, arity + 1, shell_flags, bytecode, constants.get(), nothing.get(),
+                                variables.get(), nothing.get(), nothing.get(), shell_file_name(signature.where).get(),
+                                string(signature.name).get(), static_cast<int>(signature.where.line()), lines.get())));
 }
 
 Object function_over(const Signature& signature, Handle code, Handle globals, Handle qualified_name) {

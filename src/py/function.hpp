@@ -77,13 +77,13 @@ class Function {
   static constexpr std::size_t arity = signature.arity();
 
   /// The direct way; every other kind of call is the interpreter's.
-  static PyObject* call(PyObject* callable, PyObject* const* arguments, std::size_t flags, PyObject* keywords) noexcept {
-    auto* function = reinterpret_cast<PyFunctionObject*>(callable);
-    PyThreadState* thread = PyThreadState_Get();
-    PyObject* owner = nullptr;
-    if (PyVectorcall_NARGS(flags) != Py_ssize_t{arity} || keywords != nullptr || thread->cframe->use_tracing ||
-        (owner = own_state(reinterpret_cast<PyCodeObject*>(function->func_code))) == nullptr)
-      return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
+  static PyObject* call(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+                        PyObject* keywords) noexcept {
+    const auto* function = reinterpret_cast<PyFunctionObject*>(callable);
+    const bool complete = PyVectorcall_NARGS(flags) == Py_ssize_t{arity} && keywords == nullptr;
+    const bool traced = PyThreadState_Get()->cframe->use_tracing != 0;
+    PyObject* owner = complete && !traced ? own_state(reinterpret_cast<PyCodeObject*>(function->func_code)) : nullptr;
+    if (owner == nullptr) return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
     if (Py_EnterRecursiveCall("")) return nullptr;
     const Object hold = borrow(owner);  // a callee may give the function other code
     PyObject* result = run(owner, function->func_globals, function->func_builtins, arguments);
@@ -99,8 +99,7 @@ class Function {
     const auto* builtin = reinterpret_cast<PyCFunctionObject*>(shell);
     if (builtin->m_ml != &shell_definition) return nullptr;
     const bool ours = code->co_code == state_of<State>(builtin->m_self).shells.bytecode(arity).get() &&
-                      code->co_argcount == int{arity} && code->co_kwonlyargcount == 0 &&
-                      code->co_flags == shell_flags;
+                      code->co_argcount == int{arity} && code->co_kwonlyargcount == 0 && code->co_flags == shell_flags;
     return ours ? builtin->m_self : nullptr;
   }
 

@@ -14,7 +14,7 @@ Object import_module(Handle globals, const char* name, std::initializer_list<con
     if (PyErr_ExceptionMatches(PyExc_KeyError)) PyErr_SetString(PyExc_ImportError, "__import__ not found");
     throw Error{where};
   }
-  return Callee(import, where)(Name(name, where), globals, globals, from_list, integer(0, where));
+  return Callee(import)({Name(name, where), where}, globals, globals, from_list, integer(0, where));
 }
 
 namespace {
@@ -39,9 +39,9 @@ Object optional_attr(Handle object, const char* name, Where where) {
                              ? "cannot import name %R from partially initialized module %R (most likely due to a "
                                "circular import) (%S)"
                              : "cannot import name %R from %R (%S)";
-    message = steal(PyUnicode_FromFormat(format, static_cast<PyObject*>(name), static_cast<PyObject*>(module_name),
-                                         file.get()),
-                    where);
+    message = steal(
+        PyUnicode_FromFormat(format, static_cast<PyObject*>(name), static_cast<PyObject*>(module_name), file.get()),
+        where);
   }
   PyErr_SetImportError(message.get(), module_name, file.get());
   throw Error{where};
@@ -58,8 +58,8 @@ Object import_from(Handle module, Handle name, Where where) {
   if (!module_name || !PyUnicode_Check(module_name.get())) {
     module_name = Name("<unknown module name>", where);
   } else {
-    const Object full_name = steal(
-        PyUnicode_FromFormat("%U.%U", module_name.get(), static_cast<PyObject*>(name)), where);
+    const Object full_name =
+        steal(PyUnicode_FromFormat("%U.%U", module_name.get(), static_cast<PyObject*>(name)), where);
     if (PyObject* submodule = PyImport_GetModule(full_name.get())) return Object(submodule);
     if (PyErr_Occurred()) throw Error{where};
   }

@@ -62,7 +62,7 @@ std::array<Object, count> unpack(Handle iterable, Where where = Where::current()
     for (std::size_t i = 0; i < count; ++i) members[i] = borrow(source[i]);
     return members;
   }
-  Object iterator(PyObject_GetIter(iterable));
+  const Object iterator(PyObject_GetIter(iterable));
   if (!iterator) {
     if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable))
       PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable)->tp_name);
@@ -90,7 +90,7 @@ class items {
       source_ = borrow(mapping);
       size_ = left_ = PyDict_GET_SIZE(mapping);
     } else {
-      source_ = steal(PyObject_GetIter(Handle(method(mapping, items_name, where)())), where);
+      source_ = steal(PyObject_GetIter(method(mapping, items_name, where)(where).get()), where);
     }
   }
 
@@ -130,7 +130,8 @@ class items {
   }
 
   void next_of_dict(Item& item) {  // with the checks of the dict's own iterator
-    if (PyDict_GET_SIZE(source_.get()) != size_) raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
+    if (PyDict_GET_SIZE(source_.get()) != size_)
+      raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
     PyObject *key = nullptr, *value = nullptr;
     if (!PyDict_Next(source_.get(), &position_, &key, &value)) {
       done_ = true;

@@ -60,7 +60,8 @@ inline Handle::Handle(const Object& object) noexcept : object_(object.get()) {}
 
 /// Takes over a new reference; null means that the call failed.
 inline Object steal(PyObject* owned, Where where = Where::current()) {
-  if (owned == nullptr) [[unlikely]] throw Error{where};
+  if (owned == nullptr) [[unlikely]]
+    throw Error{where};
   return Object(owned);
 }
 
@@ -72,7 +73,8 @@ inline Object borrow(Handle object) noexcept {
 /// Passes the answer of a call on that reports failure by a negative number.
 template <class Answer>
 Answer check(Answer answer, Where where = Where::current()) {
-  if (answer < 0) [[unlikely]] throw Error{where};
+  if (answer < 0) [[unlikely]]
+    throw Error{where};
   return answer;
 }
 

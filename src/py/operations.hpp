@@ -13,35 +13,48 @@ inline Object attr(Handle object, Handle name, Where where = Where::current()) {
   return steal(PyObject_GetAttr(object, name), where);
 }
 
+/// The first argument of a call, and the place of the call: a function that takes any number of arguments can have no
+/// default one behind them.
+struct Argument {
+  template <class Reference>
+  Argument(const Reference& object, Where where = Where::current()) noexcept : object(object), where(where) {}
+  Handle object;
+  Where where;
+};
+
 /// A callable that was looked up before its arguments are evaluated, with the object that it is a method of, if any.
 class Callee {
  public:
-  Callee(Object callable, Where where) noexcept : callable_(std::move(callable)), where_(where) {}
-  Callee(Object callable, Object self, Where where) noexcept
-      : callable_(std::move(callable)), self_(std::move(self)), where_(where) {}
+  Callee() noexcept = default;
+  explicit Callee(Object callable, Object self = Object()) noexcept
+      : callable_(std::move(callable)), self_(std::move(self)) {}
+
+  Object operator()(Where where = Where::current()) const { return call(nullptr, where); }
 
   template <class... Arguments>
-  Object operator()(const Arguments&... arguments) const {
-    return with_keywords(nullptr, arguments...);
+  Object operator()(Argument first, const Arguments&... others) const {
+    return call(nullptr, first.where, first.object, others...);
   }
 
   /// The last arguments are passed by the names in the tuple `keywords`.
   template <class... Arguments>
-  Object with_keywords(PyObject* keywords, const Arguments&... arguments) const {
+  Object with_keywords(Argument keywords, const Arguments&... arguments) const {
+    return call(keywords.object, keywords.where, arguments...);
+  }
+
+ private:
+  template <class... Arguments>
+  Object call(PyObject* keywords, Where where, const Arguments&... arguments) const {
     // The slot in front is the callee's to use (PY_VECTORCALL_ARGUMENTS_OFFSET).
     PyObject* stack[] = {nullptr, self_.get(), Handle(arguments)...};
     const std::size_t bound = self_ ? 1 : 0;
     const std::size_t by_name = keywords ? PyTuple_GET_SIZE(keywords) : 0;
-    const std::size_t positional = bound + sizeof...(arguments) - by_name;
-    return steal(PyObject_Vectorcall(callable_.get(), stack + 2 - bound, positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                     keywords),
-                 where_);
+    const std::size_t flags = (bound + sizeof...(arguments) - by_name) | PY_VECTORCALL_ARGUMENTS_OFFSET;
+    return steal(PyObject_Vectorcall(callable_.get(), stack + 2 - bound, flags, keywords), where);
   }
 
- private:
   Object callable_;
   Object self_;
-  Where where_;
 };
 
 /// `object.name`, about to be called: no bound method is made where the type has a plain function of that name.
@@ -49,8 +62,7 @@ inline Callee method(Object object, Handle name, Where where = Where::current())
   PyObject* found = nullptr;
   const int unbound = _PyObject_GetMethod(object.get(), name, &found);
   Object callable = steal(found, where);
-  if (unbound) return {std::move(callable), std::move(object), where};
-  return {std::move(callable), where};
+  return unbound ? Callee(std::move(callable), std::move(object)) : Callee(std::move(callable));
 }
 
 inline Callee method(Handle object, Handle name, Where where = Where::current()) {
@@ -67,7 +79,8 @@ inline Object item(Handle object, Handle key, Where where = Where::current()) {
 inline Object find(Handle dict, Handle key, Where where = Where::current()) {
   PyObject* value = PyDict_GetItemWithError(dict, key);
   if (value == nullptr) {
-    if (PyErr_Occurred()) [[unlikely]] throw Error{where};
+    if (PyErr_Occurred()) [[unlikely]]
+      throw Error{where};
     return Object();
   }
   return borrow(value);

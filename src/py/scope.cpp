@@ -26,21 +26,35 @@ void Global::fail(Where where) const {
   throw Error{where};
 }
 
+namespace {
+
+/// A frame that stands at a place in the C++ source, or null with an error set.
+Object frame_at(const char* function, PyObject* globals, Where where) noexcept {
+  const int line = static_cast<int>(where.line());
+  PyCodeObject* code = PyCode_NewEmpty(where.file_name(), function, line);
+  if (code == nullptr) return Object();
+  const Object hold(reinterpret_cast<PyObject*>(code));
+  PyFrameObject* frame = PyFrame_New(PyThreadState_Get(), code, globals, nullptr);
+  if (frame != nullptr) frame->f_lineno = line;
+  return Object(reinterpret_cast<PyObject*>(frame));
+}
+
+}  // namespace
+
+Frame::Frame(const char* function, PyObject* globals, Where where)
+    : frame_(steal(frame_at(function, globals, where).release(), where)) {
+  PyThreadState_Get()->frame = static_cast<PyFrameObject*>(Handle(frame_));
+}
+
+Frame::~Frame() { PyThreadState_Get()->frame = static_cast<PyFrameObject*>(Handle(frame_))->f_back; }
+
 void add_traceback(Error& error, const char* function, PyObject* globals) noexcept {
   if (std::exchange(error.in_traceback, true)) return;
   PyObject *type, *value, *traceback;
   PyErr_Fetch(&type, &value, &traceback);  // first: what follows needs the error indicator for itself
-  const int line = static_cast<int>(error.where.line());
-  const Object code(reinterpret_cast<PyObject*>(PyCode_NewEmpty(error.where.file_name(), function, line)));
-  const Object frame(code ? reinterpret_cast<PyObject*>(
-                                PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.get()), globals,
-                                            nullptr))
-                          : nullptr);
+  const Object frame = frame_at(function, globals, error.where);
   PyErr_Restore(type, value, traceback);  // what failed above gives way to the caller's own error
-  if (!frame) return;
-  auto* entry = reinterpret_cast<PyFrameObject*>(frame.get());
-  entry->f_lineno = line;
-  PyTraceBack_Here(entry);
+  if (frame) PyTraceBack_Here(static_cast<PyFrameObject*>(Handle(frame)));
 }
 
 }  // namespace py

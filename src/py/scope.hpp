@@ -52,8 +52,7 @@ class Global {
 /// not seen by the cycle collector, so a way back from them to the module would keep every module alive for ever.
 template <class State>
 struct StateObject {
-  PyObject_HEAD
-  State state;
+  PyObject_HEAD State state;
 
   static Object make() {
     static PyType_Slot slots[] = {{Py_tp_dealloc, reinterpret_cast<void*>(&deallocate)}, {0, nullptr}};
@@ -89,6 +88,18 @@ State& state_of(PyObject* object) noexcept {
 /// Adds the entry of `function` at `error.where` to the traceback of the exception that is set, once.
 void add_traceback(Error& error, const char* function, PyObject* globals) noexcept;
 
+/// A frame of `function` on the stack, for a callee that looks at its caller, as a logger does.
+class Frame {
+ public:
+  Frame(const char* function, PyObject* globals, Where where);
+  Frame(const Frame&) = delete;
+  Frame& operator=(const Frame&) = delete;
+  ~Frame();
+
+ private:
+  Object frame_;
+};
+
 /// What a function's body is given: the module's state and the namespace of the function that was called.
 template <class State>
 class Scope {
@@ -99,7 +110,7 @@ class Scope {
   State* operator->() const noexcept { return &state_of<State>(owner); }
 
   Object load(Global& name, Where where = Where::current()) const { return name.load(globals, builtins, where); }
-  Callee callee(Global& name, Where where = Where::current()) const { return {load(name, where), where}; }
+  Callee callee(Global& name, Where where = Where::current()) const { return Callee(load(name, where)); }
 
   const Handle owner;  // the state's object
   const Handle globals, builtins;

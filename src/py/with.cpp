@@ -39,12 +39,12 @@ class Handling {
 }  // namespace
 
 Exit::Exit(Handle manager, Handle enter_name, Handle exit_name, Where where) : where_(where) {
-  const Object enter = special_method(manager, enter_name, where);
-  exit_ = special_method(manager, exit_name, where);
-  steal(PyObject_CallNoArgs(enter.get()), where);
+  const Callee enter(special_method(manager, enter_name, where));
+  exit_ = Callee(special_method(manager, exit_name, where));
+  enter(where);
 }
 
-void Exit::normal() const { Callee(exit_, where_)(Py_None, Py_None, Py_None); }
+void Exit::normal() const { exit_({Py_None, where_}, Py_None, Py_None); }
 
 bool Exit::exceptional() const {
   PyObject *fetched_type, *fetched_value, *fetched_traceback;
@@ -55,7 +55,7 @@ bool Exit::exceptional() const {
   Object type(fetched_type), value(fetched_value), traceback(fetched_traceback);
   {
     const Handling handling(type, value, traceback);
-    if (truth(Callee(exit_, where_)(type, value, traceback), where_)) return true;
+    if (truth(exit_({type, where_}, value, traceback), where_)) return true;
   }
   PyErr_Restore(type.release(), value.release(), traceback.release());
   return false;

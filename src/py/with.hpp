@@ -17,7 +17,7 @@ class Exit {
   bool exceptional() const;
 
  private:
-  Object exit_;
+  Callee exit_;
   Where where_;
 };
 
@@ -37,7 +37,7 @@ bool with(const Scope<State>& scope, Handle manager, Body body, Where where = Wh
     return true;
   }
   if (exit.exceptional()) return false;
-  throw *failure;
+  throw Error(*failure);
 }
 
 }  // namespace py

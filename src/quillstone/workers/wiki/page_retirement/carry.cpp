@@ -8,10 +8,9 @@ namespace {
 class PairMaker {
  public:
   static Object make(const Scope& m, Handle self, Handle rows) {
-    const Object captured =
-        py::steal(PyTuple_Pack(5, static_cast<PyObject*>(m.owner), static_cast<PyObject*>(self),
-                               static_cast<PyObject*>(rows), static_cast<PyObject*>(m.globals),
-                               static_cast<PyObject*>(m.builtins)));
+    const Object captured = py::steal(PyTuple_Pack(5, static_cast<PyObject*>(m.owner), static_cast<PyObject*>(self),
+                                                   static_cast<PyObject*>(rows), static_cast<PyObject*>(m.globals),
+                                                   static_cast<PyObject*>(m.builtins)));
     return py::steal(PyCFunction_New(&definition, captured.get()));
   }
 
@@ -106,12 +105,12 @@ struct CarryIntoSuccessors {
   /// Draws every predecessor's prose, so all of it is read before the first successor is written.
   static Dict carried_sections(const Scope& m, Handle self, const Dict& rows, const Dict& carried) {
     const Object pair = PairMaker::make(m, self, rows);
-    const Object pairs = py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.globals, m->pairs_name.get()));
+    const Callee generator(py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.globals, m->pairs_name.get())));
     Dict sections;
     for (auto [new_id, pages] : items(carried, m->items)) {
       const Callee collaborator = m.callee(m->carried_sections);
       const Object page_ids = py::steal(PyObject_GetIter(pages.get()));
-      sections.set(new_id, collaborator(Callee(pairs, py::Where::current())(page_ids, pair)));
+      sections.set(new_id, collaborator(generator(page_ids, pair)));
     }
     return sections;
   }
@@ -151,11 +150,10 @@ struct CarryIntoSuccessors {
 };
 
 struct PageText {
-  static constexpr py::Signature signature{
-      .name = "_page_text",
-      .parameters = {{{"self"}, {"page_id", "str"}}},
-      .result = "str | None",
-      .doc = "A stored page's file text, or None when it has no file."};
+  static constexpr py::Signature signature{.name = "_page_text",
+                                           .parameters = {{{"self"}, {"page_id", "str"}}},
+                                           .result = "str | None",
+                                           .doc = "A stored page's file text, or None when it has no file."};
 
   static Object body(const Scope& m, Handle self, Handle page_id) {
     const Object file = page_file(m, self, page_id);

@@ -84,11 +84,10 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
       if (py::truth(py::method(file, m->exists)())) ++on_disk;
     }
     if (on_disk == 0) return py::borrow(Py_False);
-    const Callee warning = py::method(m.load(m->logger), m->warning);
-    warning(py::steal(PyUnicode_FromString(
-                "wiki prune skipped for '%s': %d of its source files are missing from the index but still on disk — "
-                "the index is incomplete, not the page retired")),
-            page_id, py::integer(on_disk));
+    warn(m,
+         "wiki prune skipped for '%s': %d of its source files are missing from the index but still on disk — the index "
+         "is incomplete, not the page retired",
+         py::Where::current(), page_id, py::integer(on_disk));
     return py::borrow(Py_True);
   }
 

@@ -7,22 +7,24 @@ namespace {
 
 constexpr const char* full_name = "quillstone.workers.wiki.page_retirement";
 
-constexpr const char* module_doc = R"(Deleting the stored wiki pages a plan of record retires, after their prose is carried.
+constexpr const char* module_doc =
+    R"(Deleting the stored wiki pages a plan of record retires, after their prose is carried.
 
 Every path that reconciles a plan (the API build, the agent plan, a replan) deletes the pages
-the plan no longer contains through :meth:`PageRetirementMixin._prune_retired_pages`, so one set
-of rules governs every delete:
+the plan no longer contains through :meth:`PageRetirementMixin._prune_retired_pages`, so one
+set of rules governs every delete:
 
-- A page merged into a successor (``ReplanRemap.merged``, or a stored seed whose successor id is
-  already stored) has its authored prose carried into the successor, page file and cached prose
-  both, as a section of its own, before its row is deleted. A replan successor that is not stored
-  yet is stored from the row that seeds it. The successor is stored stale, so its next author sees
-  every carried text as ``prior_markdown``.
-- An index that has not caught up deletes nothing: a page whose sources are missing from the index
-  but present in the working tree is kept, and an empty index prunes nothing at all.
-- Research notes (``level="note"``) are user-filed, never plan-derived: a note is retired only
-  when the user deleted its file, judged while the notes directory still holds other notes (a
-  checkout without the wiki retires none). A page file with no row behind it is never swept.
+- A page merged into a successor (``ReplanRemap.merged``, or a stored seed whose successor id
+  is already stored) has its authored prose carried into the successor, page file and cached
+  prose both, as a section of its own, before its row is deleted. A replan successor that is
+  not stored yet is stored from the row that seeds it. The successor is stored stale, so its
+  next author sees every carried text as ``prior_markdown``.
+- An index that has not caught up deletes nothing: a page whose sources are missing from the
+  index but present in the working tree is kept, and an empty index prunes nothing at all.
+- Research notes (``level="note"``) are user-filed, never plan-derived: a note is retired
+  only when the user deleted its file, judged while the notes directory still holds other
+  notes (a checkout without the wiki retires none). A page file with no row behind it is
+  never swept.
 )";
 
 struct Annotation {
@@ -36,16 +38,15 @@ struct Method {
   const char* name;
   const py::MakeFunction& make;
 };
-constexpr Method methods[] = {
-    {"_apply_replan_to_store", apply_replan_to_store},
-    {"_prune_retired_pages", prune_retired_pages},
-    {"_retired_page_ids", retired_page_ids},
-    {"_notes_whose_file_is_gone", notes_whose_file_is_gone},
-    {"_carry_into_successors", carry_into_successors},
-    {"_page_text", page_text},
-    {"_upsert_successor", upsert_successor},
-    {"_indexed_paths", indexed_paths},
-    {"_retired_only_because_the_index_is_behind", retired_only_because_the_index_is_behind}};
+constexpr Method methods[] = {{"_apply_replan_to_store", apply_replan_to_store},
+                              {"_prune_retired_pages", prune_retired_pages},
+                              {"_retired_page_ids", retired_page_ids},
+                              {"_notes_whose_file_is_gone", notes_whose_file_is_gone},
+                              {"_carry_into_successors", carry_into_successors},
+                              {"_page_text", page_text},
+                              {"_upsert_successor", upsert_successor},
+                              {"_indexed_paths", indexed_paths},
+                              {"_retired_only_because_the_index_is_behind", retired_only_because_the_index_is_behind}};
 
 /// The module's namespace while its body runs.
 class Body {
@@ -76,9 +77,7 @@ class Body {
  private:
   Object load(const char* name) { return py::Global(name).load(globals_, PyEval_GetBuiltins(), py::Where::current()); }
 
-  void bind(const char* name, Handle value) {
-    py::check(PyObject_SetItem(globals_, py::Name(name).get(), value));
-  }
+  void bind(const char* name, Handle value) { py::check(PyObject_SetItem(globals_, py::Name(name).get(), value)); }
 
   /// What the importer has set by now (`__file__`, `__loader__`, `__spec__`) stays.
   void set_module_attributes() {
@@ -118,7 +117,8 @@ class Body {
     members.set(py::Name("__qualname__"), py::Name(name));
     Dict annotations;
     members.set(py::Name("__annotations__"), annotations);
-    for (const auto& [attribute, annotation] : host_attributes) annotations.set(py::Name(attribute), string(annotation));
+    for (const auto& [attribute, annotation] : host_attributes)
+      annotations.set(py::Name(attribute), string(annotation));
     for (const auto& [method_name, make] : methods) {
       const Object qualified_name = py::steal(PyUnicode_FromFormat("%s.%s", name, method_name));
       members.set(py::Name(method_name), make(state, globals_, qualified_name));

@@ -118,10 +118,9 @@ struct State {
   Object dumps_keywords = keywords("ensure_ascii");
   Object list_indexed_files_keywords = keywords("source_only", "limit");
   Object unlink_keywords = keywords("missing_ok");
-  Object upsert_keywords =
-      keywords("description", "importance", "level", "parent_section", "rel_path", "source_files", "source_hashes",
-               "symbols", "related_pages", "citations", "content_hash", "model", "status", "summary", "build_cache",
-               "page_type");
+  Object upsert_keywords = keywords("description", "importance", "level", "parent_section", "rel_path", "source_files",
+                                    "source_hashes", "symbols", "related_pages", "citations", "content_hash", "model",
+                                    "status", "summary", "build_cache", "page_type");
 
   Object pairs_code = make_pairs_code();
   py::Name pairs_name{"PageRetirementMixin._carry_into_successors.<locals>.<genexpr>"};
@@ -134,7 +133,7 @@ using Scope = py::Scope<State>;
 
 /// `row.get(field)`
 inline Object field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
-  if (!PyDict_CheckExact(row)) return py::method(row, m->get, where)(name);
+  if (!PyDict_CheckExact(row)) return py::method(row, m->get, where)({name, where});
   Object value = py::find(row, name, where);
   return value ? value : py::none();
 }
@@ -157,6 +156,15 @@ inline Object md_name(const Scope& m, Handle id, py::Where where = py::Where::cu
   return py::concat(py::formatted(id, where), m->dot_md, where);
 }
 
+/// `logger.warning(message, *arguments)`
+template <class... Arguments>
+void warn(const Scope& m, const char* message, py::Where where, const Arguments&... arguments) {
+  const Callee warning = py::method(m.load(m->logger, where), m->warning, where);
+  const Object text = py::steal(PyUnicode_FromString(message), where);
+  const py::Frame frame(m.function, m.globals, where);
+  warning({text, where}, arguments...);
+}
+
 /// `self.pages_dir / f"{id}.md"`
 inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where = py::Where::current()) {
   const Object pages_dir = py::attr(self, m->pages_dir, where);
@@ -167,7 +175,7 @@ inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where 
 inline Dict stored_rows(const Scope& m, Handle self, py::Where where = py::Where::current()) {
   const Callee get_wiki_pages = py::method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
   Dict rows(where);
-  for (Object row : each(get_wiki_pages(py::attr(self, m->branch, where)), where))
+  for (Object row : each(get_wiki_pages({py::attr(self, m->branch, where), where}), where))
     rows.set(py::item(row, m->page_id, where), row, where);
   return rows;
 }

@@ -54,8 +54,9 @@ struct PruneRetiredPages {
       delete_rows(m, self, deletes, deleted);
     });
     if (!completed)
-      py::raise(PyExc_RuntimeError,
-                "the store's transaction swallowed an exception, so what it committed is unknown: no page file is removed");
+      py::raise(
+          PyExc_RuntimeError,
+          "the store's transaction swallowed an exception, so what it committed is unknown: no page file is removed");
     remove_files(m, self, deleted);
     return py::integer(deleted.size());
   }

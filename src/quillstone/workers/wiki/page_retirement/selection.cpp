@@ -17,9 +17,8 @@ struct RetiredPageIds {
   static Object body(const Scope& m, Handle self, Handle existing, Handle plan_ids) {
     const Object indexed = py::method(self, m->_indexed_paths)();
     if (!py::truth(indexed)) {
-      const Callee warning = py::method(m.load(m->logger), m->warning);
-      warning(py::steal(PyUnicode_FromString(
-          "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)")));
+      warn(m, "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)",
+           py::Where::current());
       return Set();
     }
     Set retired;

@@ -46,8 +46,8 @@ struct UpsertSuccessor {
   static Object build_cache(const Scope& m, Handle row, Handle carried) {
     const Object stored = field(m, row, m->build_cache);
     const bool is_dict = py::check(PyObject_IsInstance(stored.get(), reinterpret_cast<PyObject*>(&PyDict_Type))) != 0;
-    Object cache = is_dict ? py::steal(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), stored.get()))
-                           : Dict();
+    Object cache =
+        is_dict ? py::steal(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), stored.get())) : Dict();
     if (py::truth(carried)) {
       const Callee with_carried = m.callee(m->with_carried);
       const Object prose = with_carried(m.callee(m->cached_prose)(row), carried);

@@ -1,0 +1,251 @@
+"""Every touch of a host (attribute, call, item, truth test, path, name of the namespace) happens as in plain Python:
+in the same order, with the same arguments, also when any one of them raises."""
+
+import random
+import types
+from pathlib import PurePosixPath
+
+import pytest
+
+import oracle
+from quillstone.workers.wiki import page_retirement
+
+MODULE_NAMES = (
+    "_atomic_write _norm cached_prose carried_sections contextlib json logger merged_predecessors page_prose "
+    "with_carried NOTE_LEVEL"
+).split()
+
+
+class Fault(Exception):
+    pass
+
+
+class Recorder:
+    """Notes every touch; raises at touch number `fail_at`."""
+
+    def __init__(self):
+        self.touches, self.fail_at, self.fault = [], None, None
+
+    def __call__(self, *touch):
+        self.touches.append(touch)
+        if len(self.touches) - 1 == self.fail_at:
+            self.fault = OSError("fault") if self.fail_at % 2 else Fault()
+            raise self.fault
+
+
+class Traced:
+    """Any object, with every operation on it recorded; containers that come out of it are traced as well."""
+
+    def __init__(self, record, name, value):
+        self.__dict__.update(record=record, name=name, value=value)
+
+    def wrap(self, how, result):
+        if result is None or isinstance(result, str | int | Traced) or hasattr(result, "__enter__"):
+            return result
+        return Traced(self.record, f"{self.name}{how}", result)
+
+    def __getattr__(self, attribute):
+        self.record(self.name, "attr", attribute)
+        return self.wrap(f".{attribute}", getattr(self.value, attribute))
+
+    def __call__(self, *args, **kwargs):
+        shown = [plain(argument) for argument in args], [(key, plain(value)) for key, value in kwargs.items()]
+        self.record(self.name, "call", *shown)
+        return self.wrap("()", self.value(*args, **kwargs))
+
+    def __getitem__(self, key):
+        self.record(self.name, "item", key)
+        return self.wrap(f"[{key}]", self.value[key])
+
+    def __iter__(self):
+        self.record(self.name, "iter")
+        for index, member in enumerate(self.value):
+            self.record(self.name, "next", index)
+            yield self.wrap(f"<{index}>", member)
+
+    def __contains__(self, member):
+        self.record(self.name, "contains", member)
+        return member in self.value
+
+    def __bool__(self):
+        self.record(self.name, "truth")
+        return bool(self.value)
+
+    def __truediv__(self, other):
+        self.record(self.name, "join", other)
+        return self.wrap("/", self.value / other)
+
+    def __rand__(self, other):
+        self.record(self.name, "and", sorted(other))
+        return Traced(self.record, "common", other & self.value)
+
+    def __eq__(self, other):
+        self.record(self.name, "eq", plain(other))
+        return self.value == plain(other)
+
+    def __ne__(self, other):
+        self.record(self.name, "ne", plain(other))
+        return self.value != plain(other)
+
+    __hash__ = None
+
+
+class Id(str):
+    """A page id that formats itself."""
+
+    record = staticmethod(lambda *touch: None)
+
+    def __format__(self, spec):
+        self.record("format", str(self), spec)
+        return f"<{self!s}>"
+
+
+def plain(value):
+    if isinstance(value, Traced):
+        return plain(value.value)
+    if isinstance(value, dict):
+        return {key: plain(member) for key, member in value.items()}
+    if isinstance(value, list | tuple):
+        return [plain(member) for member in value]
+    return f"<{type(value).__name__}>" if callable(value) or isinstance(value, types.GeneratorType) else value
+
+
+class File:
+    """A path whose answers depend on its name alone."""
+
+    def __init__(self, world, path="wiki/pages"):
+        self.world, self.path = world, PurePosixPath(path)
+
+    def __repr__(self):
+        return str(self.path)
+
+    def __eq__(self, other):
+        return isinstance(other, File) and self.path == other.path
+
+    parent = property(lambda self: File(self.world, self.path.parent))
+    __truediv__ = lambda self, name: File(self.world, self.path / str(name))
+    is_dir = exists = is_file = lambda self: self.world.coin(self.path)
+    read_text = lambda self, encoding: f"text of {self.path.name}" if self.world.coin(self.path.name) else " "
+
+    def glob(self, pattern):
+        return ["one.md", "two.md"] if self.world.coin("glob") else []
+
+    def unlink(self, *, missing_ok):
+        if self.world.coin(self.path, "unlink"):
+            raise PermissionError(self.path)
+
+
+class World:
+    """A host drawn from a seed: rows, index, plan, remap and collaborators."""
+
+    def __init__(self, seed, rules, record, traced):
+        self.seed, self.record, self.traced = seed, record, traced
+        self.trace = (lambda name, value: Traced(record, name, value)) if traced else (lambda name, value: value)
+        draw = random.Random(seed)
+        ids = [Id(f"p{i}") if i % 3 == 0 else f"p{i}" for i in range(draw.randrange(1, 9))]
+        some = lambda population, most: draw.sample(population, min(draw.randrange(most + 1), len(population)))
+        rows = []
+        for page_id in [*ids, *some(ids, 1)]:
+            row = {"page_id": page_id, "title": draw.choice(["", f"Title {page_id}", None])}
+            row |= {"level": draw.choice([None, "", "note", "module"]), "rel_path": draw.choice([None, "notes/x.md"])}
+            row |= {"source_files": draw.choice([None, [], ["b.c", "a.c", "b.c"]]), "related_pages": some(ids, 3)}
+            row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}]), "summary": f"of {page_id}"}
+            rows.append(self.trace(f"row {page_id}", row))
+        self.existing = self.trace("existing", {plain(row)["page_id"]: row for row in rows})
+        self.plan_ids = self.trace("plan", set(some(ids, 4)))
+        self.remap = self.trace("remap", {new: draw.choice(ids) for new in [*some(ids, 3), *some(["n1", "n2"], 2)]})
+        self.merged = {new: some(ids, 3) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
+        self.indexed = draw.choice([[], ["a.c", "z.c"], ["z.c"], ["z.c"]])
+        self.rows = rows
+        self.host = self.make_host(rules)
+
+    def coin(self, *key):
+        return random.Random(f"{self.seed} {key}").random() < 0.6
+
+    def make_host(self, rules):
+        namespace = self.collaborators() | {"__builtins__": __builtins__}
+        for name in MODULE_NAMES:
+            namespace.setdefault(name, getattr(oracle, name, None))
+        record = self.record
+
+        class Namespace(dict):
+            def __getitem__(self, name):
+                if name in self:  # built-in names are the module's own affair
+                    record("global", name)
+                return super().__getitem__(name)
+
+        # Names of a namespace that is no exact dict are looked up through its own subscription.
+        space = Namespace(namespace) if self.traced else namespace
+        rebuild = lambda f: types.FunctionType(f.__code__, space, f.__name__, f.__defaults__)
+        dict.__setitem__(space, "_judged_sources", rebuild(rules._judged_sources))
+        methods = {name: rebuild(f) for name, f in vars(rules.PageRetirementMixin).items() if callable(f)}
+
+        def read(host, name):
+            if not name.startswith("__"):
+                record("self", name)
+            return object.__getattribute__(host, name)
+
+        host = type("Host", (), {**methods, "__getattribute__": read})()
+        host.repository, host.branch = self.trace("store", self.store()), "main"
+        host.repo_root, host.pages_dir = self.trace("root", File(self, "root")), self.trace("pages", File(self))
+        return host
+
+    def store(self):
+        log, scope = self.record, self.coin("swallow")
+
+        class Transaction:
+            def __enter__(self):
+                log("enter")
+
+            def __exit__(self, kind, value, traceback):
+                log("exit", kind, value if value is None else type(value))
+                return scope and kind is Fault
+
+        return types.SimpleNamespace(
+            db=types.SimpleNamespace(transaction=Transaction),
+            get_wiki_pages=lambda branch: self.rows,
+            list_indexed_files=lambda *, source_only, limit: ([{"path": p} for p in self.indexed], 0, 0, 0),
+            upsert_wiki_page=lambda *args, **fields: log("upsert", plain(args), plain(fields)),
+            delete_wiki_page=lambda branch, page_id: log("delete", branch, page_id) or self.coin(page_id, "delete"),
+        )
+
+    def collaborators(self):
+        functions = {
+            "_norm": lambda path: path,
+            "merged_predecessors": lambda remap: self.merged,
+            "carried_sections": lambda pairs: [f"{title}: {prose}" for title, prose in pairs],
+            "page_prose": lambda text, row: text or "none",
+            "cached_prose": lambda row: plain(row).get("summary", ""),
+            "with_carried": lambda text, sections: "|".join([plain(text), *plain(sections)]),
+            "_atomic_write": lambda path, text: None,
+            "logger": types.SimpleNamespace(warning=lambda *args: None),
+        }
+        return {name: self.trace(name, value) for name, value in functions.items()} | {"NOTE_LEVEL": "note"}
+
+
+def run(seed, rules, traced, fail_at=None):
+    record = Recorder()
+    world = World(seed, rules, record, traced)
+    record.touches.clear()
+    record.fail_at, Id.record = fail_at, record
+    try:
+        outcome = world.host._apply_replan_to_store(world.remap, world.plan_ids)
+    except (Fault, OSError, RuntimeError) as error:
+        outcome = type(error)
+        assert record.fault in (None, error) or type(error) is RuntimeError  # the very object, or a swallowed one
+    finally:
+        Id.record = staticmethod(lambda *touch: None)
+    return outcome, record.touches
+
+
+@pytest.mark.parametrize("traced", [True, False])
+@pytest.mark.parametrize("seed", range(150))
+def test_touches_are_those_of_plain_python(seed, traced):
+    assert run(seed, page_retirement, traced) == run(seed, oracle, traced)
+
+
+@pytest.mark.parametrize("seed", range(12))
+def test_a_failure_at_any_touch_unwinds_as_in_plain_python(seed):
+    touches = run(seed, oracle, traced=True)[1]
+    for fail_at in range(len(touches)):
+        assert run(seed, page_retirement, True, fail_at) == run(seed, oracle, True, fail_at), touches[fail_at]

@@ -1,0 +1,108 @@
+"""What is shipped: the wheel and its types, in environments that hold nothing but a host of one's own."""
+
+import subprocess
+import sys
+import tarfile
+import zipfile
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).parent.parent
+EXTENSION = "quillstone/workers/wiki/page_retirement.cpython-310-x86_64-linux-gnu.so"
+HOST = {
+    "storage/repository.py": "class Repository: ...\n",
+    "workers/wiki_types.py": 'NOTE_LEVEL = "note"\n',
+    "workers/wiki/repo_facts.py": "_atomic_write = _norm = str\n",
+    "workers/wiki/replan_carry.py": (
+        "cached_prose = carried_sections = merged_predecessors = page_prose = with_carried = str\n"
+    ),
+}
+USE = """\
+from quillstone.workers.wiki import page_retirement
+from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+class Host(PageRetirementMixin): ...
+reveal_type(Host()._apply_replan_to_store({}, {"a"}))
+reveal_type(Host()._page_text("a"))
+"""
+
+
+def run(*command, cwd: Path = ROOT):
+    done = subprocess.run([str(part) for part in command], cwd=cwd, capture_output=True, text=True)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
+@pytest.fixture(scope="session")
+def wheel(tmp_path_factory):
+    """A wheel of an sdist of the checkout."""
+    folder = tmp_path_factory.mktemp("dist")
+    run(sys.executable, "-c", f"import scikit_build_core.build as build; build.build_sdist({str(folder)!r})")
+    (sdist,) = folder.iterdir()
+    with tarfile.open(sdist) as archive:
+        names = {name.partition("/")[2] for name in archive.getnames()}
+    assert {"README.md", "CMakeLists.txt", "src/exports.map"} <= names
+    assert not {name.partition("/")[0] for name in names} & {"host", "tests", "benchmarks", ".ci"}
+    run(sys.executable, "-m", "pip", "wheel", "--no-build-isolation", "--no-deps", "-w", folder, sdist)
+    return next(folder.glob("*.whl"))
+
+
+@pytest.fixture
+def environment(tmp_path):
+    run(sys.executable, "-m", "venv", "--without-pip", tmp_path / "env")
+    return tmp_path / "env/bin/python"
+
+
+def make_host(folder, packages):
+    for name, text in HOST.items():
+        file = folder / "quillstone" / name
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(text)
+        for package in file.parents if packages else ():
+            if folder in package.parents:
+                (package / "__init__.py").touch()
+    (folder / "use.py").write_text(USE)
+    (folder / "pyrightconfig.json").write_text('{"typeCheckingMode": "standard"}')
+    return folder
+
+
+def check_types(environment, host):
+    checked = run(sys.executable, "-m", "mypy", "--python-executable", environment, "use.py", cwd=host)
+    assert 'Revealed type is "int"' in checked.replace("builtins.", "") and "str | None" in checked.replace(
+        "builtins.", ""
+    )
+    checked = run(Path(sys.executable).with_name("basedpyright"), "--pythonpath", environment, "use.py", cwd=host)
+    assert 'is "int"' in checked and 'is "str | None"' in checked
+
+
+def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
+    with zipfile.ZipFile(wheel) as archive:
+        names = {name for name in archive.namelist() if ".dist-info/" not in name}
+        archive.extractall(tmp_path)
+    assert names == {
+        EXTENSION,
+        "quillstone-stubs/py.typed",
+        "quillstone-stubs/workers/wiki/page_retirement.pyi",
+    }
+    exported = run("nm", "-D", "--defined-only", tmp_path / EXTENSION).split()
+    assert exported[2::3] == ["PyInit_page_retirement"]
+    needed = run("readelf", "-d", tmp_path / EXTENSION)
+    assert "libstdc++" not in needed and "libgcc" not in needed
+
+
+def test_a_host_that_is_a_namespace_package(wheel, environment, tmp_path):
+    run(sys.executable, "-m", "pip", "--python", environment, "install", "--no-deps", wheel)
+    host = make_host(tmp_path / "host", packages=False)
+    run(
+        environment, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host
+    )
+    check_types(environment, host)
+
+
+def test_a_host_that_is_a_regular_package(environment, tmp_path):
+    host = make_host(tmp_path / "host", packages=True)
+    run("make", "install-into", f"TREE={host}")
+    run(
+        environment, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host
+    )
+    check_types(environment, host)

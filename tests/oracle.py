@@ -3,7 +3,7 @@
 The names that the module imports from its host are put into a copy of this namespace by the tests.
 """
 # ruff: noqa: F821
-# mypy: ignore-errors
+# fmt: off
 
 import contextlib
 import json
@@ -45,8 +45,7 @@ class PageRetirementMixin:
         indexed = self._indexed_paths()
         if not indexed:
             logger.warning(
-                "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)"
-            )
+                "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)")
             return set()
         retired = {
             page_id
@@ -117,25 +116,14 @@ class PageRetirementMixin:
         if carried:
             cache["prose"] = with_carried(cached_prose(row), carried)
         self.repository.upsert_wiki_page(
-            self.branch,
-            new_id,
-            row.get("title") or new_id,
-            description=row.get("description") or "",
-            importance=row.get("importance") or "medium",
-            level=row.get("level") or "module",
-            parent_section=row.get("parent_section"),
-            rel_path=f"pages/{new_id}.md",
-            source_files=files,
-            source_hashes={},
-            symbols=row.get("symbols") or [],
-            related_pages=row.get("related_pages") or [],
-            citations=row.get("citations") or [],
-            content_hash=row.get("content_hash") or "",
-            model=row.get("model") or "agent-session",
-            status="stale",
-            summary=row.get("summary") or "",
-            build_cache=json.dumps(cache, ensure_ascii=False),
-            page_type=row.get("page_type") or "",
+            self.branch, new_id, row.get("title") or new_id,
+            description=row.get("description") or "", importance=row.get("importance") or "medium",
+            level=row.get("level") or "module", parent_section=row.get("parent_section"),
+            rel_path=f"pages/{new_id}.md", source_files=files, source_hashes={},
+            symbols=row.get("symbols") or [], related_pages=row.get("related_pages") or [],
+            citations=row.get("citations") or [], content_hash=row.get("content_hash") or "",
+            model=row.get("model") or "agent-session", status="stale", summary=row.get("summary") or "",
+            build_cache=json.dumps(cache, ensure_ascii=False), page_type=row.get("page_type") or "",
         )
 
     def _indexed_paths(self):
@@ -153,8 +141,5 @@ class PageRetirementMixin:
             return False
         logger.warning(
             "wiki prune skipped for '%s': %d of its source files are missing from the index but still on disk — "
-            "the index is incomplete, not the page retired",
-            page_id,
-            len(on_disk),
-        )
+            "the index is incomplete, not the page retired", page_id, len(on_disk))
         return True

@@ -1,6 +1,7 @@
 """Every touch of a host (attribute, call, item, truth test, path, name of the namespace) happens as in plain Python:
 in the same order, with the same arguments, also when any one of them raises."""
 
+import operator
 import random
 import types
 from pathlib import PurePosixPath
@@ -44,50 +45,33 @@ class Traced:
             return result
         return Traced(self.record, f"{self.name}{how}", result)
 
-    def __getattr__(self, attribute):
-        self.record(self.name, "attr", attribute)
-        return self.wrap(f".{attribute}", getattr(self.value, attribute))
-
-    def __call__(self, *args, **kwargs):
-        shown = [plain(argument) for argument in args], [(key, plain(value)) for key, value in kwargs.items()]
-        self.record(self.name, "call", *shown)
-        return self.wrap("()", self.value(*args, **kwargs))
-
-    def __getitem__(self, key):
-        self.record(self.name, "item", key)
-        return self.wrap(f"[{key}]", self.value[key])
-
     def __iter__(self):
         self.record(self.name, "iter")
         for index, member in enumerate(self.value):
             self.record(self.name, "next", index)
             yield self.wrap(f"<{index}>", member)
 
-    def __contains__(self, member):
-        self.record(self.name, "contains", member)
-        return member in self.value
 
-    def __bool__(self):
-        self.record(self.name, "truth")
-        return bool(self.value)
+def traced_operation(name, operation):
+    def method(self, *args, **kwargs):
+        self.record(self.name, name, plain(args), plain(list(kwargs.items())))
+        return self.wrap(f".{args[0]}" if name == "getattr" else name, operation(self.value, *args, **kwargs))
 
-    def __truediv__(self, other):
-        self.record(self.name, "join", other)
-        return self.wrap("/", self.value / other)
+    return method
 
-    def __rand__(self, other):
-        self.record(self.name, "and", sorted(other))
-        return Traced(self.record, "common", other & self.value)
 
-    def __eq__(self, other):
-        self.record(self.name, "eq", plain(other))
-        return self.value == plain(other)
-
-    def __ne__(self, other):
-        self.record(self.name, "ne", plain(other))
-        return self.value != plain(other)
-
-    __hash__ = None
+for name, operation in {
+    "getattr": getattr,
+    "call": lambda function, *args, **kwargs: function(*args, **kwargs),
+    "getitem": operator.getitem,
+    "contains": operator.contains,
+    "bool": bool,
+    "truediv": operator.truediv,
+    "rand": lambda value, other: other & value,
+    "eq": operator.eq,
+    "ne": operator.ne,
+}.items():
+    setattr(Traced, f"__{name}__", traced_operation(name, operation))
 
 
 class Id(str):
@@ -105,8 +89,8 @@ def plain(value):
         return plain(value.value)
     if isinstance(value, dict):
         return {key: plain(member) for key, member in value.items()}
-    if isinstance(value, list | tuple):
-        return [plain(member) for member in value]
+    if isinstance(value, list | tuple | set):
+        return [plain(member) for member in (sorted(value) if isinstance(value, set) else value)]
     return f"<{type(value).__name__}>" if callable(value) or isinstance(value, types.GeneratorType) else value
 
 
@@ -151,7 +135,6 @@ class World:
             row |= {"source_files": draw.choice([None, [], ["b.c", "a.c", "b.c"]]), "related_pages": some(ids, 3)}
             row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}]), "summary": f"of {page_id}"}
             rows.append(self.trace(f"row {page_id}", row))
-        self.existing = self.trace("existing", {plain(row)["page_id"]: row for row in rows})
         self.plan_ids = self.trace("plan", set(some(ids, 4)))
         self.remap = self.trace("remap", {new: draw.choice(ids) for new in [*some(ids, 3), *some(["n1", "n2"], 2)]})
         self.merged = {new: some(ids, 3) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
@@ -244,7 +227,7 @@ def test_touches_are_those_of_plain_python(seed, traced):
     assert run(seed, page_retirement, traced) == run(seed, oracle, traced)
 
 
-@pytest.mark.parametrize("seed", range(12))
+@pytest.mark.parametrize("seed", range(8))
 def test_a_failure_at_any_touch_unwinds_as_in_plain_python(seed):
     touches = run(seed, oracle, traced=True)[1]
     for fail_at in range(len(touches)):

@@ -1,10 +1,9 @@
 """The rules of a prune, told as stories about a wiki in a real store."""
 
-import logging
 from pathlib import Path
 
 import pytest
-from hypothesis import HealthCheck, given, settings
+from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from quillstone.workers.wiki.replan_carry import ReplanRemap
@@ -45,14 +44,6 @@ def test_a_renamed_page_is_stored_from_its_seed(wiki):
     assert rows["new"]["build_cache"] == {"prose": "Übersicht", "plan": [1]}
 
 
-def test_a_successor_without_files_of_its_own_takes_those_carried_into_it(wiki):
-    wiki.page("parent", files=(), related_pages=["a", "b"])
-    wiki.page("a", files=("z.py", "indexed.py"))
-    wiki.page("b", files=("indexed.py",))
-    wiki._apply_replan_to_store(ReplanRemap({}, {"parent": ["a", "b"]}), {"parent"})
-    assert wiki.rows()["parent"]["source_files"] == ["indexed.py", "z.py"]
-
-
 def test_a_row_stored_since_the_snapshot_is_the_base(wiki):
     wiki.page("old")
     snapshot = wiki.rows()
@@ -79,13 +70,6 @@ def test_an_index_behind_the_tree_keeps_the_page_and_says_so(wiki, caplog, made)
     )
     wiki.index("gone.py")  # one file that the index knows is enough to tell that it has been there
     assert wiki._prune_retired_pages(wiki.rows(), set()) == 2
-
-
-def test_pages_without_files_in_index_or_tree_are_retired(wiki, caplog):
-    wiki.page("gone", files=("gone.py",))
-    wiki.page("sourceless", files=(), related_pages=["unstored"])
-    assert wiki._prune_retired_pages(wiki.rows(), set()) == 2
-    assert caplog.records == []
 
 
 def test_an_empty_index_deletes_nothing_yet_stores_successors(wiki, caplog):
@@ -149,28 +133,11 @@ def test_a_file_that_cannot_be_removed_keeps_no_other(wiki):
     assert [file.name for file in wiki.pages_dir.iterdir()] == ["b.md"]
 
 
-def test_a_page_whose_row_is_gone_keeps_its_file_and_does_not_count(wiki):
-    wiki.page("a")
-    wiki.page("b")
-    snapshot = wiki.rows()
-    wiki.repository.delete_wiki_page("main", "a")
-    assert wiki._prune_retired_pages(snapshot, set()) == 1
-    assert wiki.file("a").exists()
-
-
-def test_blank_text_is_not_written(wiki):
-    wiki.page("old", " \n")
-    wiki.file("new").write_text("kept")
-    wiki._apply_replan_to_store({"new": "old"}, {"new"})
-    assert wiki.file("new").read_text() == "kept"
-    assert "new" in wiki.rows()
-
-
 IDS = st.sampled_from(["a", "b", "c", "d", "e"])
 TEXTS = st.text(st.characters(blacklist_categories=["Cs", "Cc"]), max_size=20)
 
 
-@settings(deadline=None, max_examples=60, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(deadline=None, max_examples=80)
 @given(
     prose=st.dictionaries(IDS, TEXTS, min_size=1),
     remap=st.dictionaries(st.sampled_from(["a", "b", "n", "m"]), IDS, max_size=3),
@@ -179,51 +146,27 @@ TEXTS = st.text(st.characters(blacklist_categories=["Cs", "Cc"]), max_size=20)
     spare=st.sets(IDS),
     fails=st.booleans(),
 )
-def test_no_prose_is_lost(
-    tmp_path_factory,
-    prose,
-    remap,
-    merged,
-    fileless,
-    spare,
-    fails,
-):
+def test_no_prose_is_lost(tmp_path_factory, prose, remap, merged, fileless, spare, fails):
     """Whatever is merged into pages of the plan stands in them, in file and row, however often the replan runs."""
     wiki = Wiki(tmp_path_factory.mktemp("world"))
     for page_id, text in prose.items():
         wiki.page(page_id, text)
         if page_id in fileless:
             wiki.file(page_id).unlink()
-    routes = ReplanRemap(remap, merged)
-    plan = spare | remap.keys() | merged.keys()
-    before = wiki.rows()
-    if fails:
-        wiki.repository.delete_wiki_page, delete = lambda *_: 1 / 0, wiki.repository.delete_wiki_page
-        doomed = before.keys() - plan
-        try:
+    routes, plan, before = ReplanRemap(remap, merged), spare | remap.keys() | merged.keys(), wiki.rows()
+    if fails and before.keys() - plan:
+        with pytest.MonkeyPatch.context() as patch, pytest.raises(ZeroDivisionError):
+            patch.setattr(wiki.repository, "delete_wiki_page", lambda *_: 1 / 0)
             wiki._apply_replan_to_store(routes, plan)
-        except ZeroDivisionError:
-            assert wiki.rows() == before
-        else:
-            assert not doomed
-        wiki.repository.delete_wiki_page = delete
+        assert wiki.rows() == before
     for _ in range(2):
         wiki._apply_replan_to_store(routes, plan)
     rows = wiki.rows()
-    assert rows.keys() - remap.keys() - merged.keys() <= plan
+    assert rows.keys() <= plan
     for successor, pages in [*merged.items(), *((new, [old]) for new, old in remap.items())]:
         for page_id in pages:
             if page_id in prose and page_id not in rows and prose[page_id].strip():
-                assert prose[page_id].strip("\n") in wiki.file(successor).read_text("utf-8")
-                assert prose[page_id].strip("\n") in rows[successor]["build_cache"]["prose"]
-                heading = f"## {page_id.title()}\n\n{prose[page_id]}\n"
-                assert wiki.file(successor).read_text("utf-8").count(heading) <= 1
+                text, cached = wiki.file(successor).read_text("utf-8"), rows[successor]["build_cache"]["prose"]
+                assert prose[page_id] in text and prose[page_id] in cached
+                assert max(kept.count(f"## {page_id.title()}\n\n{prose[page_id]}\n") for kept in (text, cached)) <= 1
     wiki.repository.close()
-
-
-def test_warnings_go_to_the_logger_of_the_modules_full_name(wiki, caplog):
-    wiki.page("late", files=("late.py",))
-    (wiki.repo_root / "late.py").touch()
-    with caplog.at_level(logging.ERROR, "quillstone.workers.wiki.page_retirement"):
-        assert wiki._prune_retired_pages(wiki.rows(), set()) == 0
-    assert caplog.records == []

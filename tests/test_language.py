@@ -44,12 +44,13 @@ def entries(error):
     return [(frame.name, frame.filename.rpartition("/")[2]) for frame in traceback.extract_tb(error.__traceback__)]
 
 
-@pytest.mark.parametrize("profile", [None, lambda *event: None])
-def test_a_traceback_names_method_file_and_line(profile):
-    error = Fault()
+@pytest.mark.parametrize("profiled", [False, True])
+def test_a_traceback_names_method_file_and_line(profiled):
+    error, seen = Fault(), []
+    profile = lambda frame, event, argument: seen.append((event, frame.f_code.co_name))
     host = simple(list_indexed_files=raising(error))
     for call in (host._indexed_paths, lambda: PageRetirementMixin._indexed_paths(self=host)):
-        sys.setprofile(profile)
+        sys.setprofile(profile if profiled else None)
         try:
             with pytest.raises(Fault) as caught:
                 call()
@@ -61,6 +62,7 @@ def test_a_traceback_names_method_file_and_line(profile):
         source = Path(__file__).parent.parent / found.filename
         assert "list_files.with_keywords(" in source.read_text("utf-8").splitlines()[found.lineno - 1]
         error.__traceback__ = None
+    assert seen.count(("call", "_indexed_paths")) == (2 if profiled else 0)
 
 
 def test_exit_sees_the_exception_as_a_with_statement_shows_it():
@@ -158,10 +160,16 @@ def test_unpacking_the_index(result, error, text):
 
 
 def test_calls_that_recurse_end_in_recursion_error():
-    endless = type("Endless", (PageRetirementMixin,), {"_retired_page_ids": PageRetirementMixin._prune_retired_pages})()
-    for arguments in (({}, set()), ({}, set(), None)):
+    class Endless(PageRetirementMixin):
+        repository, branch = types.SimpleNamespace(get_wiki_pages=list), ()
+        _retired_page_ids = PageRetirementMixin._apply_replan_to_store
+
+    for call in (
+        lambda: Endless()._prune_retired_pages({}, set()),
+        lambda: Endless()._apply_replan_to_store({}, set()),
+    ):
         with pytest.raises(RecursionError):
-            endless._prune_retired_pages(*arguments)
+            call()
 
 
 def test_code_and_globals_may_be_replaced_in_the_middle_of_a_call(monkeypatch):

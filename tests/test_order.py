@@ -132,12 +132,16 @@ class World:
         for page_id in [*ids, *some(ids, 1)]:
             row = {"page_id": page_id, "title": draw.choice(["", f"Title {page_id}", None])}
             row |= {"level": draw.choice([None, "", "note", "module"]), "rel_path": draw.choice([None, "notes/x.md"])}
-            row |= {"source_files": draw.choice([None, [], ["b.c", "a.c", "b.c"]]), "related_pages": some(ids, 3)}
+            row |= {
+                "source_files": draw.choice([None, [], ["d.c", "b.c", "a.c", "c.c", "b.c"]]),
+                "related_pages": some(ids, 3),
+            }
             row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}]), "summary": f"of {page_id}"}
             rows.append(self.trace(f"row {page_id}", row))
         self.plan_ids = self.trace("plan", set(some(ids, 4)))
-        self.remap = self.trace("remap", {new: draw.choice(ids) for new in [*some(ids, 3), *some(["n1", "n2"], 2)]})
-        self.merged = {new: some(ids, 3) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
+        seeded = [*some(ids, 3), *some(["n1", "n2"], 2)]
+        self.remap = self.trace("remap", {new: draw.choice([*ids, "gone"]) for new in seeded})
+        self.merged = {new: some([*ids, "gone"], 4) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
         self.indexed = draw.choice([[], ["a.c", "z.c"], ["z.c"], ["z.c"]])
         self.rows = rows
         self.host = self.make_host(rules)
@@ -162,6 +166,9 @@ class World:
         rebuild = lambda f: types.FunctionType(f.__code__, space, f.__name__, f.__defaults__)
         dict.__setitem__(space, "_judged_sources", rebuild(rules._judged_sources))
         methods = {name: rebuild(f) for name, f in vars(rules.PageRetirementMixin).items() if callable(f)}
+
+        select = methods["_retired_page_ids"]
+        methods["_retired_page_ids"] = lambda *args: self.trace("deletes", select(*args))
 
         def read(host, name):
             if not name.startswith("__"):
@@ -203,7 +210,9 @@ class World:
             "_atomic_write": lambda path, text: None,
             "logger": types.SimpleNamespace(warning=lambda *args: None),
         }
-        return {name: self.trace(name, value) for name, value in functions.items()} | {"NOTE_LEVEL": "note"}
+        return {name: self.trace(name, value) for name, value in functions.items()} | {
+            "NOTE_LEVEL": "note" if self.seed % 4 else "module"
+        }
 
 
 def run(seed, rules, traced, fail_at=None):

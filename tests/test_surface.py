@@ -99,6 +99,8 @@ def test_code_and_defaults_can_be_assigned():
         prune.__code__ = (lambda self, existing, plan_ids, remap: ("replaced", remap)).__code__
         assert Host()._prune_retired_pages("one", "two") == ("replaced", "four")
         assert Host()._prune_retired_pages("one", "two", "three") == ("replaced", "three")
+        prune.__code__ = code.replace(co_flags=code.co_flags | inspect.CO_GENERATOR)
+        assert inspect.isgenerator(Host()._prune_retired_pages("one", "two", "three"))
     finally:
         prune.__code__, prune.__defaults__ = code, defaults
     judged = page_retirement._judged_sources
@@ -117,8 +119,9 @@ def test_names_are_looked_up_at_each_use(monkeypatch):
     with pytest.raises(NameError) as missing:
         judged({"source_files": ["a"]}, {})
     assert (str(missing.value), missing.value.name) == ("name '_norm' is not defined", "_norm")
-    monkeypatch.setattr("builtins._norm", lambda path: "builtin", raising=False)
-    assert judged({"source_files": ["a"]}, {}) == ["builtin"]
+    for builtin in (lambda path: "one", lambda path: "two"):
+        monkeypatch.setattr("builtins._norm", builtin, raising=False)
+        assert judged({"source_files": ["a"]}, {}) == [builtin("a")]
 
 
 @pytest.fixture

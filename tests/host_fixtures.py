@@ -15,6 +15,7 @@ from trees import SOURCES, write_files
 
 DATABASES = ["sqlite", *filter(None, [os.environ.get("QUILLSTONE_TEST_DATABASE")])]
 
+
 @pytest.fixture
 def tree(tmp_path: Path) -> Path:
     return write_files(tmp_path / "tree", SOURCES)
@@ -24,10 +25,12 @@ def tree(tmp_path: Path) -> Path:
 def database_url(request: pytest.FixtureRequest, tmp_path: Path) -> str:
     if request.param == "sqlite":
         return f"sqlite:///{tmp_path / 'store.sqlite'}"
-    with Repository(request.param).db.transaction() as connection:
-        metadata = sa.MetaData()
-        metadata.reflect(connection)
-        metadata.drop_all(connection)
+    earlier = Repository(request.param)
+    with earlier.db.transaction() as connection:
+        tables = sa.MetaData()
+        tables.reflect(connection)
+        tables.drop_all(connection)
+    earlier.close()
     return str(request.param)
 
 

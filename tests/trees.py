@@ -4,13 +4,10 @@ from __future__ import annotations
 
 from pathlib import Path
 
+PYTHON_FILES = {"top": "top.py", "a": "a/one.py", "b": "a/b/two.py", "c": "a/b/c/three.py"}
+PYTHON_FILES |= {"left": "family/left/l.py", "right": "family/deep/right/r.py"}
 SOURCES = {
-    "top.py": '"""The top module."""\n',
-    "a/one.py": '"""What a is for."""\n',
-    "a/b/two.py": '"""What b is for.\n\nMore of it."""\n',
-    "a/b/c/three.py": '"""What c is for."""\n',
-    "family/left/l.py": '"""What left is for."""\n',
-    "family/right/r.py": '"""What right is for."""\n',
+    **{path: f'"""What {name} is for.\n\nMore of it."""\n' for name, path in PYTHON_FILES.items()},
     "lone/README.md": "# The lone folder\n\nSaid in a README.\n",
     "lone/x.c": "/* What x is for. */\nint x;\n",
 }

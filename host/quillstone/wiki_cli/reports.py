@@ -1,0 +1,68 @@
+"""What the commands print for people."""
+
+from __future__ import annotations
+
+from collections.abc import Iterable, Mapping
+
+from rich.console import Group, RenderableType
+from rich.markdown import Markdown
+from rich.panel import Panel
+from rich.table import Table
+from rich.text import Text
+
+from quillstone.wiki_cli.demo import DemoResult
+from quillstone.workers.wiki.replan import ReplanOutcome
+
+EXAMPLES = 3
+
+
+def page_list(facts: Iterable[Mapping[str, str]]) -> Table:
+    """A table of pages: id, title, level, status."""
+    table = Table("Page", "Title", "Level", "Status")
+    for row in facts:
+        table.add_row(*(Text(value) for value in row.values()))
+    return table
+
+
+def outcome_kinds(outcome: ReplanOutcome) -> dict[str, list[str]]:
+    """The pages of an outcome by what became of them, each as it is shown."""
+    return {
+        "kept": outcome.kept,
+        "stored from a seed": [f"{new} (from {old})" for new, old in outcome.seeded.items()],
+        "merged and carried": [f"{page} (into {holder})" for page, holder in outcome.merged.items()],
+        "kept, index is behind": outcome.index_behind,
+        "note retired": outcome.notes_retired,
+        "note kept": outcome.notes_kept,
+        "dropped": outcome.dropped,
+    }
+
+
+def outcome_report(outcome: ReplanOutcome, title: str) -> RenderableType:
+    """What became of every kind of page, the warnings, and how long the prune took."""
+    table = Table("Outcome", "Pages", "Examples", title=title)
+    for kind, pages in outcome_kinds(outcome).items():
+        examples = ", ".join(pages[:EXAMPLES]) + (", ..." if len(pages) > EXAMPLES else "")
+        table.add_row(kind, str(len(pages)), Text(examples))
+    warnings = Table("Warnings of the prune")
+    for message in outcome.warnings or ["none"]:
+        warnings.add_row(Text(message))
+    return Group(table, warnings, f"{outcome.deleted} stored pages deleted; the prune took {outcome.seconds:.3f} s.")
+
+
+def demo_report(result: DemoResult) -> RenderableType:
+    """The whole demo: the outcome, one successor's page, and what the checks found."""
+    parts: list[RenderableType] = [
+        f"{result.tree}: {result.source_files} source files, {result.pages} pages, {result.notes} notes.",
+        outcome_report(result.outcome, "What became of the pages"),
+    ]
+    missing = [kind for kind, pages in outcome_kinds(result.outcome).items() if not pages]
+    if missing:
+        parts.append(f"This tree gave no example of: {', '.join(missing)}.")
+    if result.successor:
+        parts.append(Panel(Markdown(result.successor_text), title=f"A successor's page: {result.successor}"))
+    checks = Table("Check", "Result")
+    for check, problems in result.checks.items():
+        checks.add_row(check, Text("; ".join(problems[:EXAMPLES]) if problems else "nothing lost"))
+    longest = f"longest chain of merges: {result.longest_chain} levels"
+    verdict = "FAILED" if result.problems else "passed"
+    return Group(*parts, checks, f"Check {verdict}: {result.merged_prose} of the merged pages have prose, {longest}.")

@@ -94,29 +94,20 @@ def plain(value):
     return f"<{type(value).__name__}>" if callable(value) or isinstance(value, types.GeneratorType) else value
 
 
-class File:
-    """A path whose answers depend on its name alone."""
+def coin(*key):
+    return random.Random(repr(key)).random() < 0.6
 
-    def __init__(self, world, path="wiki/pages"):
-        self.world, self.path = world, PurePosixPath(path)
 
-    def __repr__(self):
-        return str(self.path)
+class File(PurePosixPath):
+    """A path whose answers depend on its name alone, which begins with the world's seed."""
 
-    def __eq__(self, other):
-        return isinstance(other, File) and self.path == other.path
-
-    parent = property(lambda self: File(self.world, self.path.parent))
-    __truediv__ = lambda self, name: File(self.world, self.path / str(name))
-    is_dir = exists = is_file = lambda self: self.world.coin(self.path)
-    read_text = lambda self, encoding: f"text of {self.path.name}" if self.world.coin(self.path.name) else " "
-
-    def glob(self, pattern):
-        return ["one.md", "two.md"] if self.world.coin("glob") else []
+    is_dir = exists = is_file = lambda self: coin(self)
+    read_text = lambda self, encoding: f"text of {self.name}" if coin(self.name, self.parts[0]) else " "
+    glob = lambda self, pattern: ["one.md", "two.md"] if coin(self, pattern) else []
 
     def unlink(self, *, missing_ok):
-        if self.world.coin(self.path, "unlink"):
-            raise PermissionError(self.path)
+        if coin(self, "unlink"):
+            raise PermissionError(self)
 
 
 class World:
@@ -146,9 +137,6 @@ class World:
         self.rows = rows
         self.host = self.make_host(rules)
 
-    def coin(self, *key):
-        return random.Random(f"{self.seed} {key}").random() < 0.6
-
     def make_host(self, rules):
         namespace = self.collaborators() | {"__builtins__": __builtins__}
         for name in MODULE_NAMES:
@@ -177,11 +165,12 @@ class World:
 
         host = type("Host", (), {**methods, "__getattribute__": read})()
         host.repository, host.branch = self.trace("store", self.store()), "main"
-        host.repo_root, host.pages_dir = self.trace("root", File(self, "root")), self.trace("pages", File(self))
+        host.repo_root = self.trace("root", File(f"{self.seed}/root"))
+        host.pages_dir = self.trace("pages", File(f"{self.seed}/wiki/pages"))
         return host
 
     def store(self):
-        log, scope = self.record, self.coin("swallow")
+        log, swallows = self.record, coin(self.seed, "swallow")
 
         class Transaction:
             def __enter__(self):
@@ -189,14 +178,14 @@ class World:
 
             def __exit__(self, kind, value, traceback):
                 log("exit", kind, value if value is None else type(value))
-                return scope and kind is Fault
+                return swallows and kind is Fault
 
         return types.SimpleNamespace(
             db=types.SimpleNamespace(transaction=Transaction),
             get_wiki_pages=lambda branch: self.rows,
             list_indexed_files=lambda *, source_only, limit: ([{"path": p} for p in self.indexed], 0, 0, 0),
             upsert_wiki_page=lambda *args, **fields: log("upsert", plain(args), plain(fields)),
-            delete_wiki_page=lambda branch, page_id: log("delete", branch, page_id) or self.coin(page_id, "delete"),
+            delete_wiki_page=lambda branch, page_id: log("delete", branch, page_id) or coin(self.seed, page_id),
         )
 
     def collaborators(self):

@@ -47,12 +47,6 @@ def wheel(tmp_path_factory):
     return next(folder.glob("*.whl"))
 
 
-@pytest.fixture
-def environment(tmp_path):
-    run(sys.executable, "-m", "venv", "--without-pip", tmp_path / "env")
-    return tmp_path / "env/bin/python"
-
-
 def make_host(folder, packages):
     for name, text in HOST.items():
         file = folder / "quillstone" / name
@@ -64,15 +58,6 @@ def make_host(folder, packages):
     (folder / "use.py").write_text(USE)
     (folder / "pyrightconfig.json").write_text('{"typeCheckingMode": "standard"}')
     return folder
-
-
-def check_types(environment, host):
-    checked = run(sys.executable, "-m", "mypy", "--python-executable", environment, "use.py", cwd=host)
-    assert 'Revealed type is "int"' in checked.replace("builtins.", "") and "str | None" in checked.replace(
-        "builtins.", ""
-    )
-    checked = run(Path(sys.executable).with_name("basedpyright"), "--pythonpath", environment, "use.py", cwd=host)
-    assert 'is "int"' in checked and 'is "str | None"' in checked
 
 
 def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
@@ -90,19 +75,19 @@ def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
     assert "libstdc++" not in needed and "libgcc" not in needed
 
 
-def test_a_host_that_is_a_namespace_package(wheel, environment, tmp_path):
-    run(sys.executable, "-m", "pip", "--python", environment, "install", "--no-deps", wheel)
-    host = make_host(tmp_path / "host", packages=False)
-    run(
-        environment, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host
+@pytest.mark.parametrize("host_is", ["a namespace package", "a regular package"])
+def test_a_host_imports_the_module_and_sees_its_types(wheel, tmp_path, host_is):
+    python = tmp_path / "env/bin/python"
+    run(sys.executable, "-m", "venv", "--without-pip", tmp_path / "env")
+    host = make_host(tmp_path / "host", packages=host_is == "a regular package")
+    if host_is == "a regular package":
+        run("make", "install-into", f"TREE={host}")
+    else:
+        run(sys.executable, "-m", "pip", "--python", python, "install", "--no-deps", wheel)
+    run(python, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host)
+    checked = run(sys.executable, "-m", "mypy", "--python-executable", python, "use.py", cwd=host).replace(
+        "builtins.", ""
     )
-    check_types(environment, host)
-
-
-def test_a_host_that_is_a_regular_package(environment, tmp_path):
-    host = make_host(tmp_path / "host", packages=True)
-    run("make", "install-into", f"TREE={host}")
-    run(
-        environment, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host
-    )
-    check_types(environment, host)
+    assert 'is "int"' in checked and 'is "str | None"' in checked
+    checked = run(Path(sys.executable).with_name("basedpyright"), "--pythonpath", python, "use.py", cwd=host)
+    assert 'is "int"' in checked and 'is "str | None"' in checked

@@ -1,5 +1,6 @@
 """Where the module does by itself what the interpreter does for Python code: errors, `with`, loops, generators."""
 
+import functools
 import gc
 import sys
 import traceback
@@ -89,8 +90,9 @@ def test_what_exit_makes_of_an_exception():
         simple(raising(second), delete_wiki_page=raising(first))._prune_retired_pages({}, set())
     assert caught.value is second and second.__context__ is first
     assert sys.exc_info() == (None, None, None)
-    with pytest.raises(RuntimeError, match="swallowed"):
+    with pytest.raises(RuntimeError, match="swallowed") as caught:
         simple(lambda *error: True, delete_wiki_page=raising(first))._prune_retired_pages({}, set())
+    assert caught.value.__cause__ is first
 
 
 def test_pairs_come_from_a_real_generator(wiki, monkeypatch):
@@ -188,6 +190,17 @@ def test_code_and_globals_may_be_replaced_in_the_middle_of_a_call(monkeypatch):
         assert judged({"source_files": ["a", "b"]}, {}) == ["other"]
     finally:
         judged.__code__ = code
+
+
+def test_a_caller_may_let_go_of_the_arguments_in_the_middle_of_a_call():
+    class Page(dict):
+        def get(self, key):
+            call.__setstate__((len, (), {}, None))  # drops the function's arguments, this page among them
+            gc.collect()
+            return [Page() for _ in range(100)] and dict.get(self, key)
+
+    call = functools.partial(page_retirement._judged_sources, Page(related_pages=["x"]), {"x": {"source_files": ["a"]}})
+    assert call() == ["a"]
 
 
 def test_ids_that_are_no_str_are_formatted(wiki):

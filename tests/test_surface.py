@@ -1,5 +1,6 @@
 """What an importer and a reader of the module see: its namespace, its functions, its life."""
 
+import ast
 import copy
 import gc
 import importlib
@@ -10,6 +11,7 @@ import sys
 import textwrap
 import types
 import weakref
+from pathlib import Path
 from typing import Any
 from unittest import mock
 
@@ -22,6 +24,7 @@ from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 NAME = "quillstone.workers.wiki.page_retirement"
 METHODS = [value for value in vars(PageRetirementMixin).values() if callable(value)]
 FUNCTIONS = [page_retirement._judged_sources, *METHODS]
+STUB = ast.parse((Path(__file__).parent.parent / "stubs/quillstone-stubs/workers/wiki/page_retirement.pyi").read_text())
 BOUND = (
     "annotations contextlib json logging Mapping Sequence Path Any Repository cached_prose carried_sections "
     "merged_predecessors page_prose with_carried _atomic_write _norm NOTE_LEVEL logger _Successor _judged_sources "
@@ -72,8 +75,10 @@ def test_functions_are_plain_functions(function):
     assert [p.replace(annotation=p.empty) for p in parameters.values()] == [
         *inspect.signature(model).parameters.values()
     ]
-    assert [*function.__annotations__] == [name for name in parameters if name != "self"] + ["return"]
-    assert all(isinstance(text, str) for text in function.__annotations__.values())
+    stub = next(node for node in ast.walk(STUB) if getattr(node, "name", "") == function.__name__)
+    texts = {argument.arg: ast.unparse(argument.annotation) for argument in stub.args.args if argument.annotation}
+    assert function.__annotations__ == texts | {"return": ast.unparse(stub.returns)}
+    assert [*function.__annotations__] == [*texts, "return"]
     assert copy.copy(function) is function is pickle.loads(pickle.dumps(function)) is weakref.ref(function)()
     assert function.__code__.co_filename.startswith("<")  # no coverage report looks for its source
     for args, kwargs in [((), {}), ((1,) * 9, {}), ((), {"unknown": 1}), ((1,), {next(iter(parameters)): 2})]:

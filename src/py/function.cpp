@@ -7,10 +7,8 @@
 namespace py {
 namespace {
 
-Object string(const char* text) { return steal(PyUnicode_FromString(text)); }
-
 /// The file name of `where` in angle brackets: tools that look for the source of every function pass over it.
-Object shell_file_name(Where where) {
+Object file_name(Where where) {
   const char* file = where.file_name();
   const char* slash = std::strrchr(file, '/');
   return steal(PyUnicode_FromFormat("<%s>", slash ? slash + 1 : file));
@@ -18,8 +16,8 @@ Object shell_file_name(Where where) {
 
 }  // namespace
 
-Object shell_bytecode(std::size_t arity) {
-  char code[2 * (Shells::most_parameters + 3)];
+Object bytecode_of(std::size_t arity) {
+  char code[2 * (Bytecodes::most_parameters + 3)];
   char* end = code;
   const auto emit = [&end](int operation, std::size_t argument) {
     *end++ = static_cast<char>(operation);
@@ -32,7 +30,7 @@ Object shell_bytecode(std::size_t arity) {
   return steal(PyBytes_FromStringAndSize(code, end - code));
 }
 
-Object shell_code(const Signature& signature, Handle bytecode, Handle shell) {
+Object code_over(const Signature& signature, Handle bytecode, Handle shell) {
   const auto arity = static_cast<int>(signature.arity());
   const Object variables = steal(PyTuple_New(arity));
   for (int i = 0; i < arity; ++i) PyTuple_SET_ITEM(variables.get(), i, string(signature.parameters[i].name).release());
@@ -41,8 +39,8 @@ Object shell_code(const Signature& signature, Handle bytecode, Handle shell) {
   const char line_table[] = {static_cast<char>(PyBytes_GET_SIZE(static_cast<PyObject*>(bytecode))), 0};  // one line
   const Object lines = steal(PyBytes_FromStringAndSize(line_table, sizeof line_table));
   return steal(reinterpret_cast<PyObject*>(
-      PyCode_NewWithPosOnlyArgs(arity, 0, 0, arity, arity + 1, shell_flags, bytecode, constants.get(), nothing.get(),
-                                variables.get(), nothing.get(), nothing.get(), shell_file_name(signature.where).get(),
+      PyCode_NewWithPosOnlyArgs(arity, 0, 0, arity, arity + 1, code_flags, bytecode, constants.get(), nothing.get(),
+                                variables.get(), nothing.get(), nothing.get(), file_name(signature.where).get(),
                                 string(signature.name).get(), static_cast<int>(signature.where.line()), lines.get())));
 }
 

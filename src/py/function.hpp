@@ -1,6 +1,6 @@
 // Plain functions of the interpreter whose body is C++.
 //
-// Such a function is a types.FunctionType over a code object of our own that hands its parameters to a builtin, the
+// Such a function is a types.FunctionType over a code object of our own that hands its parameters to a builtin, its
 // shell. So the interpreter binds arguments, words errors and shows the call to tracers as for any function. A call
 // that is purely positional and complete goes straight to the body through the function's vectorcall instead.
 #pragma once
@@ -33,24 +33,24 @@ struct Signature {
 };
 
 /// As the compiler sets them for a plain function of a module with postponed annotations.
-inline constexpr int shell_flags = CO_OPTIMIZED | CO_NEWLOCALS | CO_NOFREE | CO_FUTURE_ANNOTATIONS;
+inline constexpr int code_flags = CO_OPTIMIZED | CO_NEWLOCALS | CO_NOFREE | CO_FUTURE_ANNOTATIONS;
 
-/// Code that calls the builtin at constant 1 with all of its `arity` parameters.
-Object shell_bytecode(std::size_t arity);
-/// The code object of a shell.
-Object shell_code(const Signature& signature, Handle bytecode, Handle shell);
+/// Code that calls the shell, constant 1, with all `arity` parameters.
+Object bytecode_of(std::size_t arity);
+/// The code object of a function, which calls its shell.
+Object code_over(const Signature& signature, Handle bytecode, Handle shell);
 /// The function over `code` in the namespace `globals`, with defaults and annotations.
 Object function_over(const Signature& signature, Handle code, Handle globals, Handle qualified_name);
 
-/// What a state holds for the functions of its module.
-class Shells {
+/// The bytecode of functions by their number of parameters; a state holds one, to know its own code objects by.
+class Bytecodes {
  public:
   static constexpr std::size_t most_parameters = std::tuple_size_v<decltype(Signature::parameters)>;
 
-  Shells() {
-    for (std::size_t arity = 0; arity < bytecodes_.size(); ++arity) bytecodes_[arity] = shell_bytecode(arity);
+  Bytecodes() {
+    for (std::size_t arity = 0; arity < bytecodes_.size(); ++arity) bytecodes_[arity] = bytecode_of(arity);
   }
-  const Object& bytecode(std::size_t arity) const { return bytecodes_[arity]; }
+  const Object& of(std::size_t arity) const { return bytecodes_[arity]; }
 
  private:
   std::array<Object, most_parameters + 1> bytecodes_;
@@ -65,7 +65,7 @@ class Function {
  public:
   static Object make(Handle module_state, Handle globals, Handle qualified_name) {
     const Object shell = steal(PyCFunction_New(&shell_definition, module_state));
-    const Object code = shell_code(signature, state_of<State>(module_state).shells.bytecode(arity), shell);
+    const Object code = code_over(signature, state_of<State>(module_state).bytecodes.of(arity), shell);
     Object function = function_over(signature, code, globals, qualified_name);
     auto* plain = reinterpret_cast<PyFunctionObject*>(function.get());
     if (plain->vectorcall == &_PyFunction_Vectorcall) plain->vectorcall = &call;
@@ -85,7 +85,6 @@ class Function {
     PyObject* owner = complete && !traced ? own_state(reinterpret_cast<PyCodeObject*>(function->func_code)) : nullptr;
     if (owner == nullptr) return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
     if (Py_EnterRecursiveCall("")) return nullptr;
-    const Object hold = borrow(owner);  // a callee may give the function other code
     PyObject* result = run(owner, function->func_globals, function->func_builtins, arguments);
     Py_LeaveRecursiveCall();
     return result;
@@ -98,8 +97,8 @@ class Function {
     if (!PyCFunction_CheckExact(shell)) return nullptr;
     const auto* builtin = reinterpret_cast<PyCFunctionObject*>(shell);
     if (builtin->m_ml != &shell_definition) return nullptr;
-    const bool ours = code->co_code == state_of<State>(builtin->m_self).shells.bytecode(arity).get() &&
-                      code->co_argcount == int{arity} && code->co_kwonlyargcount == 0 && code->co_flags == shell_flags;
+    const bool ours = code->co_code == state_of<State>(builtin->m_self).bytecodes.of(arity).get() &&
+                      code->co_argcount == int{arity} && code->co_kwonlyargcount == 0 && code->co_flags == code_flags;
     return ours ? builtin->m_self : nullptr;
   }
 
@@ -115,15 +114,13 @@ class Function {
   }
 
   static PyObject* run(PyObject* owner, PyObject* globals, PyObject* builtins, PyObject* const* arguments) noexcept {
-    const Scope<State> scope(owner, globals, builtins, signature.name);
-    try {
-      return [&]<std::size_t... i>(std::index_sequence<i...>) {
-        return Definition::body(scope, Handle(arguments[i])...).release();
-      }(std::make_index_sequence<arity>());
-    } catch (Error& error) {
-      add_traceback(error, signature.name, globals);
-      return nullptr;
-    }
+    return [&]<std::size_t... i>(std::index_sequence<i...>) {
+      // What a frame would own: the caller may let go of function and arguments while the body runs.
+      const Object held[] = {borrow(owner), borrow(globals), borrow(builtins), borrow(arguments[i])...};
+      return guarded(signature.name, globals, [&] {
+        return Definition::body(Scope<State>(owner, globals, builtins, signature.name), Handle(held[3 + i])...);
+      });
+    }(std::make_index_sequence<arity>());
   }
 
   static inline PyMethodDef shell_definition = {

@@ -19,7 +19,7 @@ struct Error {
 
 class Object;
 
-/// A borrowed reference, for parameters only: whoever passes it keeps the object alive.
+/// A borrowed reference: whoever handed it out keeps the object alive for as long as it is used.
 class Handle {
  public:
   constexpr Handle(PyObject* object) noexcept : object_(object) {}
@@ -35,7 +35,7 @@ class Handle {
   PyObject* object_;
 };
 
-/// A strong reference, or none after a move.
+/// A strong reference, or none.
 class Object {
  public:
   Object() noexcept = default;
@@ -78,9 +78,16 @@ Answer check(Answer answer, Where where = Where::current()) {
   return answer;
 }
 
+/// `raise type(message) from cause`
+[[noreturn]] void raise_from(Handle cause, PyObject* type, const char* message, Where where = Where::current());
+
 [[noreturn]] inline void raise(PyObject* type, const char* message, Where where = Where::current()) {
   PyErr_SetString(type, message);
   throw Error{where};
+}
+
+inline Object string(const char* text, Where where = Where::current()) {
+  return steal(PyUnicode_FromString(text), where);
 }
 
 /// An interned string, made once for a module.

@@ -4,6 +4,16 @@
 
 namespace py {
 
+void raise_from(Handle cause, PyObject* exception_type, const char* message, Where where) {
+  PyErr_SetString(exception_type, message);
+  PyObject *type, *value, *traceback;
+  PyErr_Fetch(&type, &value, &traceback);
+  PyErr_NormalizeException(&type, &value, &traceback);
+  PyException_SetCause(value, borrow(cause).release());
+  PyErr_Restore(type, value, traceback);
+  throw Error{where};
+}
+
 Object Global::subscript(Handle mapping, Where where) const {
   PyObject* value = PyObject_GetItem(mapping, name_.get());
   if (value == nullptr) {

@@ -23,7 +23,8 @@ class Global {
         if (!value) fail(where);
         // Comparing keys can run code that changes a dict: what was read then may not be what it holds now.
         if (versions[0] == version(globals) && versions[1] == version(builtins)) {
-          versions_[0] = versions[0], versions_[1] = versions[1];
+          versions_[0] = versions[0];
+          versions_[1] = versions[1];
           value_ = value.get();
         }
         return value;
@@ -87,6 +88,17 @@ State& state_of(PyObject* object) noexcept {
 
 /// Adds the entry of `function` at `error.where` to the traceback of the exception that is set, once.
 void add_traceback(Error& error, const char* function, PyObject* globals) noexcept;
+
+/// The edge between C++ and the interpreter: what `body` returns, or null with the traceback entry of `function` added.
+template <class Body>
+PyObject* guarded(const char* function, PyObject* globals, Body body) noexcept {
+  try {
+    return body().release();
+  } catch (Error& error) {
+    add_traceback(error, function, globals);
+    return nullptr;
+  }
+}
 
 /// A frame of `function` on the stack, for a callee that looks at its caller, as a logger does.
 class Frame {

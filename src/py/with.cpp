@@ -46,7 +46,7 @@ Exit::Exit(Handle manager, Handle enter_name, Handle exit_name, Where where) : w
 
 void Exit::normal() const { exit_({Py_None, where_}, Py_None, Py_None); }
 
-bool Exit::exceptional() const {
+Object Exit::exceptional() const {
   PyObject *fetched_type, *fetched_value, *fetched_traceback;
   PyErr_Fetch(&fetched_type, &fetched_value, &fetched_traceback);
   PyErr_NormalizeException(&fetched_type, &fetched_value, &fetched_traceback);
@@ -55,10 +55,10 @@ bool Exit::exceptional() const {
   Object type(fetched_type), value(fetched_value), traceback(fetched_traceback);
   {
     const Handling handling(type, value, traceback);
-    if (truth(exit_({type, where_}, value, traceback), where_)) return true;
+    if (truth(exit_({type, where_}, value, traceback), where_)) return value;
   }
   PyErr_Restore(type.release(), value.release(), traceback.release());
-  return false;
+  return Object();
 }
 
 }  // namespace py

@@ -13,17 +13,17 @@ class Exit {
   /// Finds `__enter__` and `__exit__` on the type of `manager`, then enters it.
   Exit(Handle manager, Handle enter_name, Handle exit_name, Where where);
   void normal() const;
-  /// Hands over the exception that is set, which ends handled (true) or set again (false).
-  bool exceptional() const;
+  /// Hands over the exception that is set; gives it back if it was swallowed, else it is set again.
+  Object exceptional() const;
 
  private:
   Callee exit_;
   Where where_;
 };
 
-/// `with manager: body()`, false where the manager swallowed an exception of the body.
+/// `with manager: body()`; gives the exception of the body that the manager swallowed, if any.
 template <class State, class Body>
-bool with(const Scope<State>& scope, Handle manager, Body body, Where where = Where::current()) {
+Object with(const Scope<State>& scope, Handle manager, Body body, Where where = Where::current()) {
   const Exit exit(manager, scope->__enter__, scope->__exit__, where);
   std::optional<Error> failure;
   try {
@@ -34,9 +34,9 @@ bool with(const Scope<State>& scope, Handle manager, Body body, Where where = Wh
   }
   if (!failure) {
     exit.normal();
-    return true;
+    return Object();
   }
-  if (exit.exceptional()) return false;
+  if (Object swallowed = exit.exceptional()) return swallowed;
   throw Error(*failure);
 }
 

@@ -137,7 +137,7 @@ class Database:
             _metadata.create_all(self.engine)
         except (sa.exc.SQLAlchemyError, ImportError) as error:
             reason = " ".join(str(getattr(error, "orig", None) or error).split())
-            raise StoreError(f"cannot open the database {shown} ({reason}); check --database") from error
+            raise StoreError(f"cannot open the database {shown} ({reason}); check its URL") from error
         self._threads = threading.local()
 
     @contextmanager

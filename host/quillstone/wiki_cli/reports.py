@@ -63,6 +63,9 @@ def demo_report(result: DemoResult) -> RenderableType:
     checks = Table("Check", "Result")
     for check, problems in result.checks.items():
         checks.add_row(check, Text("; ".join(problems[:EXAMPLES]) if problems else "nothing lost"))
-    longest = f"longest chain of merges: {result.longest_chain} levels"
-    verdict = "FAILED" if result.problems else "passed"
-    return Group(*parts, checks, f"Check {verdict}: {result.merged_prose} of the merged pages have prose, {longest}.")
+    looked_at = f"{result.merged_prose} merged pages with prose, chains of up to {result.longest_chain} pages"
+    if result.problems:
+        verdict = f"Check FAILED ({looked_at}): see above."
+    else:
+        verdict = f"Check passed: each of {looked_at}, stands exactly once in its successor's file and cached prose."
+    return Group(*parts, checks, verdict)

@@ -16,14 +16,10 @@ class PairMaker {
 
  private:
   static PyObject* call(PyObject* captured, PyObject* page_id) noexcept {
-    const auto part = [captured](Py_ssize_t i) { return PyTuple_GET_ITEM(captured, i); };
+    const Object held[] = {py::borrow(captured), py::borrow(page_id)};
+    const auto part = [captured](Py_ssize_t i) { return Handle(PyTuple_GET_ITEM(captured, i)); };
     const Scope m(part(0), part(3), part(4), "<genexpr>");
-    try {
-      return pair(m, part(1), part(2), page_id).release();
-    } catch (py::Error& error) {
-      py::add_traceback(error, m.function, m.globals);
-      return nullptr;
-    }
+    return py::guarded(m.function, m.globals, [&] { return pair(m, part(1), part(2), page_id); });
   }
 
   static Object pair(const Scope& m, Handle self, Handle rows, Handle page_id) {
@@ -60,7 +56,7 @@ struct CarryIntoSuccessors {
     const Dict sections = carried_sections(m, self, rows, carried);
 
     Dict successors;
-    for (auto [new_id, unused] : items(visited(m, seeds, sections), m->items)) {
+    for (Object new_id : each(visited(m, seeds, sections))) {
       const Object base_id = found_or(seeds, new_id, new_id);
       Object row = found_or(rows, base_id, Py_None);
       if (!py::truth(row)) row = Dict();
@@ -117,12 +113,10 @@ struct CarryIntoSuccessors {
 
   /// The keys are the successors to visit: those with a seed, in the remap's order, then those with sections.
   static Dict visited(const Scope& m, const Dict& seeds, const Dict& sections) {
-    List with_sections;
-    for (auto [new_id, blocks] : items(sections, m->items))
-      if (py::truth(blocks)) with_sections.append(new_id);
     Dict visited;
-    for (auto [new_id, old_id] : items(seeds, m->items)) visited.set(new_id, Py_None);
-    for (Object new_id : each(with_sections)) visited.set(new_id, Py_None);
+    for (Object new_id : each(seeds)) visited.set(new_id, Py_None);
+    for (auto [new_id, blocks] : items(sections, m->items))
+      if (py::truth(blocks)) visited.set(new_id, Py_None);
     return visited;
   }
 
@@ -170,7 +164,7 @@ Object State::make_pairs_code() {
   const Object body = py::steal(Py_CompileString(source, "<carry.cpp>", Py_file_input));
   const Object constants = py::attr(body, py::Name("co_consts"));
   const Object code = py::item(constants, py::integer(0));
-  return py::method(code, py::Name("replace")).with_keywords(keywords("co_name").get(), py::Name("<genexpr>"));
+  return py::method(code, py::Name("replace")).with_keywords(keywords("co_name"), py::Name("<genexpr>"));
 }
 
 const py::MakeFunction carry_into_successors = &py::Function<State, CarryIntoSuccessors>::make;

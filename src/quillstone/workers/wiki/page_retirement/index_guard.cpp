@@ -48,7 +48,7 @@ struct IndexedPaths {
 
   static Object body(const Scope& m, Handle self) {
     const Callee list_files = py::method(py::attr(self, m->repository), m->list_indexed_files);
-    const Object listed = list_files.with_keywords(m->list_indexed_files_keywords.get(), Py_True, m->million);
+    const Object listed = list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million);
     const auto [files, more, limit, total] = unpack<4>(listed);
     Set indexed;
     for (Object record : each(files)) {
@@ -87,7 +87,7 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     warn(m,
          "wiki prune skipped for '%s': %d of its source files are missing from the index but still on disk — the index "
          "is incomplete, not the page retired",
-         py::Where::current(), page_id, py::integer(on_disk));
+         page_id, py::integer(on_disk));
     return py::borrow(Py_True);
   }
 

@@ -75,50 +75,52 @@ class Body {
   }
 
  private:
-  Object load(const char* name) { return py::Global(name).load(globals_, PyEval_GetBuiltins(), py::Where::current()); }
+  Object load(const char* name, py::Where where = py::Where::current()) {
+    return py::Global(name, where).load(globals_, PyEval_GetBuiltins(), where);
+  }
 
-  void bind(const char* name, Handle value) { py::check(PyObject_SetItem(globals_, py::Name(name).get(), value)); }
+  void bind(const char* name, Handle value, py::Where where = py::Where::current()) {
+    py::check(PyObject_SetItem(globals_, py::Name(name, where).get(), value), where);
+  }
 
   /// What the importer has set by now (`__file__`, `__loader__`, `__spec__`) stays.
   void set_module_attributes() {
-    bind("__doc__", string(module_doc));
+    bind("__doc__", py::string(module_doc));
     const Object parts = py::method(load("__name__"), py::Name("rpartition"))(py::Name("."));
     bind("__package__", py::item(parts, py::integer(0)));
     bind("__builtins__", PyEval_GetBuiltins());
     bind("__cached__", Py_None);
   }
 
-  void import_from(const char* module_name, std::initializer_list<const char*> names) {
-    const Object module = py::import_module(globals_, module_name, names);
-    for (const char* name : names) bind(name, py::import_from(module, py::Name(name)));
+  void import_from(const char* module_name, std::initializer_list<const char*> names,
+                   py::Where where = py::Where::current()) {
+    const Object module = py::import_module(globals_, module_name, names, where);
+    for (const char* name : names) bind(name, py::import_from(module, py::Name(name, where), where), where);
   }
 
   /// `tuple[dict[str, Any], list[str], list[str]]`
   Object successor_alias() {
     const auto type = [](PyTypeObject& builtin) { return reinterpret_cast<PyObject*>(&builtin); };
-    const auto subscript = [](PyObject* generic, std::initializer_list<Handle> arguments) {
-      const Object tuple = py::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
-      Py_ssize_t i = 0;
-      for (Handle argument : arguments) PyTuple_SET_ITEM(tuple.get(), i++, py::borrow(argument).release());
-      return py::item(generic, arguments.size() == 1 ? Handle(PyTuple_GET_ITEM(tuple.get(), 0)) : Handle(tuple));
-    };
     const Object any = load("Any");
-    const Object row = subscript(type(PyDict_Type), {type(PyUnicode_Type), any});
-    const Object files = subscript(type(PyList_Type), {type(PyUnicode_Type)});
-    const Object sections = subscript(type(PyList_Type), {type(PyUnicode_Type)});
-    return subscript(type(PyTuple_Type), {row, files, sections});
+    const Object row_arguments = py::steal(PyTuple_Pack(2, type(PyUnicode_Type), any.get()));
+    const Object row = py::item(type(PyDict_Type), row_arguments);
+    const Object files = py::item(type(PyList_Type), type(PyUnicode_Type));
+    const Object sections = py::item(type(PyList_Type), type(PyUnicode_Type));
+    const Object arguments = py::steal(PyTuple_Pack(3, row.get(), files.get(), sections.get()));
+    return py::item(type(PyTuple_Type), arguments);
   }
 
   Object mixin_class(Handle state) {
     const char* name = "PageRetirementMixin";
     Dict members;
     members.set(py::Name("__module__"), load("__name__"));
-    members.set(py::Name("__doc__"), string("Retired-page deletion and prose carry, mixed into ``WikiGenerator``."));
+    members.set(py::Name("__doc__"),
+                py::string("Retired-page deletion and prose carry, mixed into ``WikiGenerator``."));
     members.set(py::Name("__qualname__"), py::Name(name));
     Dict annotations;
     members.set(py::Name("__annotations__"), annotations);
     for (const auto& [attribute, annotation] : host_attributes)
-      annotations.set(py::Name(attribute), string(annotation));
+      annotations.set(py::Name(attribute), py::string(annotation));
     for (const auto& [method_name, make] : methods) {
       const Object qualified_name = py::steal(PyUnicode_FromFormat("%s.%s", name, method_name));
       members.set(py::Name(method_name), make(state, globals_, qualified_name));
@@ -127,8 +129,6 @@ class Body {
     return py::steal(PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyType_Type), py::Name(name).get(),
                                                   bases.get(), members.get(), nullptr));
   }
-
-  static Object string(const char* text) { return py::steal(PyUnicode_FromString(text)); }
 
   const Handle globals_;
 };

@@ -1,4 +1,5 @@
-// What the functions of a module share: its interned names, keyword tuples and the code of its generator.
+// What the functions of a module share: its state (interned names, keyword tuples, the code of its generator), what
+// more than one of them says about rows and files, and the list of them.
 #pragma once
 
 #include "py/function.hpp"
@@ -25,7 +26,7 @@ Object keywords(const Text*... text) {
 struct State {
   static constexpr const char* type_name = "quillstone.workers.wiki.page_retirement.state";
 
-  py::Shells shells;
+  py::Bytecodes bytecodes;
 
   // Module-level names
   py::Global _atomic_write{"_atomic_write"};
@@ -129,6 +130,7 @@ struct State {
   static Object make_pairs_code();
 };
 
+/// The surroundings of a running function, `m` throughout: `m->name` is a name, `m.load(m->name)` what it names.
 using Scope = py::Scope<State>;
 
 /// `row.get(field)`
@@ -156,13 +158,20 @@ inline Object md_name(const Scope& m, Handle id, py::Where where = py::Where::cu
   return py::concat(py::formatted(id, where), m->dot_md, where);
 }
 
+/// The text of a warning, and the place where it is given.
+struct Message {
+  Message(const char* text, py::Where where = py::Where::current()) noexcept : text(text), where(where) {}
+  const char* text;
+  py::Where where;
+};
+
 /// `logger.warning(message, *arguments)`
 template <class... Arguments>
-void warn(const Scope& m, const char* message, py::Where where, const Arguments&... arguments) {
-  const Callee warning = py::method(m.load(m->logger, where), m->warning, where);
-  const Object text = py::steal(PyUnicode_FromString(message), where);
-  const py::Frame frame(m.function, m.globals, where);
-  warning({text, where}, arguments...);
+void warn(const Scope& m, Message message, const Arguments&... arguments) {
+  const Callee warning = py::method(m.load(m->logger, message.where), m->warning, message.where);
+  const Object text = py::string(message.text, message.where);
+  const py::Frame frame(m.function, m.globals, message.where);
+  warning({text, message.where}, arguments...);
 }
 
 /// `self.pages_dir / f"{id}.md"`

@@ -49,14 +49,14 @@ struct PruneRetiredPages {
     const Object successors = carry(remap == Py_None ? Dict() : py::borrow(remap), deletes);
     List deleted;
     const Object transaction = py::method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
-    const bool completed = py::with(m, transaction, [&] {
+    const Object swallowed = py::with(m, transaction, [&] {
       upsert(m, self, successors);
       delete_rows(m, self, deletes, deleted);
     });
-    if (!completed)
-      py::raise(
-          PyExc_RuntimeError,
-          "the store's transaction swallowed an exception, so what it committed is unknown: no page file is removed");
+    if (swallowed)
+      py::raise_from(swallowed, PyExc_RuntimeError,
+                     "the store's transaction swallowed an exception, so what it committed is unknown: no page file "
+                     "is removed");
     remove_files(m, self, deleted);
     return py::integer(deleted.size());
   }
@@ -81,9 +81,8 @@ struct PruneRetiredPages {
   static void remove_files(const Scope& m, Handle self, const List& deleted) {
     for (Object page_id : each(deleted)) {
       const Callee suppress = py::method(m.load(m->contextlib), m->suppress);
-      py::with(m, suppress(PyExc_OSError), [&] {
-        py::method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords.get(), Py_True);
-      });
+      py::with(m, suppress(PyExc_OSError),
+               [&] { py::method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });
     }
   }
 };

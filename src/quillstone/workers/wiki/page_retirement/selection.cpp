@@ -17,8 +17,7 @@ struct RetiredPageIds {
   static Object body(const Scope& m, Handle self, Handle existing, Handle plan_ids) {
     const Object indexed = py::method(self, m->_indexed_paths)();
     if (!py::truth(indexed)) {
-      warn(m, "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)",
-           py::Where::current());
+      warn(m, "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)");
       return Set();
     }
     Set retired;

@@ -35,11 +35,11 @@ struct UpsertSuccessor {
     const Object model = field_or(m, row, m->model, m->agent_session);
     const Object summary = field_or(m, row, m->summary, m->empty);
     const Callee dumps = py::method(m.load(m->json), m->dumps);
-    const Object cache_text = dumps.with_keywords(m->dumps_keywords.get(), cache, Py_False);
+    const Object cache_text = dumps.with_keywords(m->dumps_keywords, cache, Py_False);
     const Object page_type = field_or(m, row, m->page_type, m->empty);
-    upsert.with_keywords(m->upsert_keywords.get(), branch, new_id, title, description, importance, level,
-                         parent_section, rel_path, files, source_hashes, symbols, related_pages, citations,
-                         content_hash, model, m->stale, summary, cache_text, page_type);
+    upsert.with_keywords(m->upsert_keywords, branch, new_id, title, description, importance, level, parent_section,
+                         rel_path, files, source_hashes, symbols, related_pages, citations, content_hash, model,
+                         m->stale, summary, cache_text, page_type);
     return py::none();
   }
 

@@ -2,7 +2,12 @@
 
 import functools
 import gc
+import itertools
+import operator
+import signal
+import subprocess
 import sys
+import textwrap
 import traceback
 import types
 from pathlib import Path
@@ -159,6 +164,30 @@ def test_unpacking_the_index(result, error, text):
     with pytest.raises(error) as caught:
         simple(list_indexed_files=lambda *, source_only, limit: result)._indexed_paths()
     assert str(caught.value) == text
+
+
+def test_a_long_loop_lets_signals_in(monkeypatch):
+    monkeypatch.setattr(page_retirement, "_norm", operator.truth)  # no Python code runs in the loop
+    before = signal.signal(signal.SIGALRM, raising(Fault()))
+    signal.setitimer(signal.ITIMER_REAL, 0.05)
+    try:
+        with pytest.raises(Fault):
+            page_retirement._judged_sources({"source_files": itertools.repeat("a", 10**8)}, {})
+    finally:
+        signal.signal(signal.SIGALRM, before)
+
+
+def test_a_thread_that_the_interpreter_ends_does_not_take_the_process_along():
+    program = """
+        import itertools, threading
+        from quillstone.workers.wiki import page_retirement
+        started = threading.Event()
+        page_retirement._norm = lambda path: started.set()
+        pages = {"source_files": itertools.repeat("a")}
+        threading.Thread(target=page_retirement._judged_sources, args=(pages, {}), daemon=True).start()
+        started.wait()
+    """
+    subprocess.run([sys.executable, "-c", textwrap.dedent(program)], check=True)
 
 
 def test_calls_that_recurse_end_in_recursion_error():

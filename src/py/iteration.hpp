@@ -7,6 +7,23 @@
 
 namespace py {
 
+/// Lets signal handlers and other threads run now and then, as the interpreter's own loops do.
+class Turns {
+ public:
+  void next(Where where) {
+    if (++count_ % between == 0) [[unlikely]]
+      pause(where);
+  }
+
+ private:
+  static constexpr unsigned between = 4096;
+  static void pause(Where where) {
+    check(PyErr_CheckSignals(), where);
+    PyEval_RestoreThread(PyEval_SaveThread());
+  }
+  unsigned count_ = 0;
+};
+
 /// `for (Object member : each(iterable))`
 class each {
  public:
@@ -35,6 +52,7 @@ class each {
 
  private:
   Object next() {
+    turns_.next(where_);
     if (exact_list_) {  // its length is read afresh each time, as a list's own iterator does
       if (index_ < PyList_GET_SIZE(source_.get())) return borrow(PyList_GET_ITEM(source_.get(), index_++));
     } else {
@@ -47,6 +65,7 @@ class each {
 
   Object source_;
   Where where_;
+  Turns turns_;
   Py_ssize_t index_ = 0;
   bool exact_list_ = false;
   bool done_ = false;
@@ -118,6 +137,7 @@ class items {
 
  private:
   void next(Item& item) {
+    turns_.next(where_);
     if (exact_dict_) {
       next_of_dict(item);
     } else if (const Object pair{PyIter_Next(source_.get())}) {
@@ -144,6 +164,7 @@ class items {
 
   Object source_;
   Where where_;
+  Turns turns_;
   Py_ssize_t position_ = 0, size_ = 0, left_ = 0;
   bool exact_dict_ = false;
   bool done_ = false;

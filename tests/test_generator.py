@@ -1,17 +1,12 @@
 """The generator over a real tree, store and wiki folder."""
 
-from __future__ import annotations
-
-import threading
-import time
-from pathlib import Path
-from typing import Any
+from threading import Thread
 
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-from quillstone.errors import HostError, PageIdError, ReplanError
+from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
 from quillstone.storage.repository import check_page_id
 from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.planning import LONGEST_ID, folder_page_id
@@ -22,20 +17,23 @@ from trees import files_below, write_files
 pytest_plugins = "host_fixtures"
 
 ALL = {"root", "a", "a.b", "a.b.c", "family", "family.deep", "family.deep.right", "family.left", "lone"}
-CHAIN = ReplanRemap({}, {"a.b": ["a.b.c"], "a": ["a.b"]})
-AFTER_CHAIN = ALL - {"a.b", "a.b.c"}
+REFUSED = [  # seeds, merges, and what is not in the plan
+    ({}, {"a.b": ["a.b.c"]}, {"a.b", "a.b.c"}), ({"new": "a.b"}, {}, {"a.b", "new"}), ({}, {"note": ["a"]}, {"a"}),
+    ({}, {"a.b": ["a"], "a": ["a.b"]}, {"a", "a.b"}), ({"taken": "a"}, {}, {"a"}), ({"../new": "a.b"}, {}, {"a.b"}),
+    ({"new": "note"}, {}, set()), ({"linked/new": "a.b"}, {}, {"a.b"}),
+]  # fmt: skip
 
 
-def page(generator: WikiGenerator, page_id: str) -> Path:
-    return generator.pages_dir / f"{page_id}.md"
+def text(generator, page_id):
+    return (generator.pages_dir / f"{page_id}.md").read_text()
 
 
-def state(generator: WikiGenerator) -> tuple[Any, ...]:
+def state(generator):
     return generator.stored_pages(), generator._placements(), files_below(generator.pages_dir.parent)
 
 
 @given(st.sets(st.lists(st.text("a.%/\\\n~é", min_size=1, max_size=9), min_size=1).map("/".join), max_size=8))
-def test_every_folder_has_a_page_id_of_its_own(folders: set[str]) -> None:
+def test_every_folder_has_a_page_id_of_its_own(folders):
     folders = {folder for folder in folders if not {"", ".", ".."} & set(folder.split("/"))}
     folders |= {"", "root", "root/x", "a/b", "a.b", "a%2Eb", "x" * 300, "x" * 301, "é" * 150 + "/1", "é" * 150 + "/2"}
     ids = {folder_page_id(folder) for folder in folders}
@@ -45,111 +43,84 @@ def test_every_folder_has_a_page_id_of_its_own(folders: set[str]) -> None:
         assert len(page_id.encode()) <= LONGEST_ID and "/" not in page_id
 
 
-def test_a_page_for_each_folder(generator: WikiGenerator) -> None:
+def test_a_page_for_each_folder(generator):
     rows = generator.stored_pages()
-    assert rows.keys() == ALL
-    below = ["family.deep", "family.deep.right", "family.left"]
-    assert (rows["family"]["source_files"], rows["family"]["related_pages"]) == ([], below)
-    assert (rows["a.b"]["parent_section"], rows["a.b"]["related_pages"]) == ("a", ["a.b.c"])
     assert rows["root"]["related_pages"] == ["a", "family", "lone"]
-    assert (rows["lone"]["title"], rows["lone"]["status"]) == ("The lone folder", "fresh")
-    assert rows["lone"]["source_hashes"].keys() == {"lone/x.c"}
+    assert rows["family"]["related_pages"] == ["family.deep", "family.deep.right", "family.left"]
+    assert (rows["family"]["source_files"], rows["a.b"]["parent_section"]) == ([], "a")
+    assert (rows["lone"]["title"], [*rows["lone"]["source_hashes"]]) == ("The lone folder", ["lone/x.c"])
     assert "What x is for." in generator.repository.get_wiki_chunks("main", "lone")[0]
     before = state(generator)
-    assert generator.build() == (len(ALL), 0)
-    assert state(generator) == before
+    assert (rows.keys(), generator.build(), state(generator)) == (ALL, (len(ALL), 0), before)
 
 
-def test_prose_follows_its_sources_until_a_person_edits_it(generator: WikiGenerator, tree: Path) -> None:
-    edited = page(generator, "a.b").read_text() + "\nBy hand.\n"
-    page(generator, "a.b").write_bytes(edited.replace("\n", "\r\n").encode())
+def test_prose_follows_its_sources_until_a_person_edits_it(generator, tree):
+    edited = text(generator, "a.b") + "\nBy hand.\n"
+    write_files(generator.pages_dir, {"a.b.md": edited.replace("\n", "\r\n")})
     write_files(tree, {"a/one.py": '"""Renewed."""', "a/b/two.py": '"""Renewed."""'})
     (tree / "family" / "left" / "l.py").unlink()
-    generator.index()
-    assert generator.build() == (len(ALL) - 1, 1)
-    assert "Renewed." in page(generator, "a").read_text() and "What a is" not in page(generator, "a").read_text()
-    assert page(generator, "a.b").read_text() == edited
+    assert (generator.index(), generator.build()) == ((6, 7), (len(ALL) - 1, 1))
+    assert ["Renewed." in text(generator, "a"), "What a is" in text(generator, "a")] == [True, False]
+    assert text(generator, "a.b") == edited
     assert generator.stored_pages()["a.b"]["build_cache"]["prose"].endswith("By hand.")
 
 
-def test_a_replan_stays_in_force_at_the_next_build(generator: WikiGenerator) -> None:
-    assert generator.apply_replan(CHAIN, AFTER_CHAIN) == 2
-    for prose in ("What a is for.", "What b is for.", "What c is for."):
-        assert page(generator, "a").read_text().count(prose) == 1
-    assert generator.apply_replan(ReplanRemap({"a-new": "a"}, {}), AFTER_CHAIN - {"a", "lone"} | {"a-new"}) == 2
-    generator.build()
-    rows = generator.stored_pages()
-    assert rows.keys() == ALL - {"a", "a.b", "a.b.c", "lone"} | {"a-new"}
-    assert rows["a-new"]["source_files"] == ["a/one.py", "a/b/two.py", "a/b/c/three.py"]
-    text = page(generator, "a-new").read_text()
-    assert [text.count(f"What {name} is for.") for name in "abc"] == [1, 1, 1]
-    assert page_prose(text, rows["a-new"]) == rows["a-new"]["build_cache"]["prose"]
+def test_a_replan_stays_in_force_at_the_next_build(generator):
+    left = ALL - {"a.b", "a.b.c"}
+    assert generator.apply_replan(ReplanRemap({}, {"a.b": ["a.b.c"], "a": ["a.b"]}), left) == 2
+    left = left - {"a", "lone"} | {"a-new"}
+    assert generator.apply_replan(ReplanRemap({"a-new": "a"}, {}), left) == 2
+    assert generator.build() == (len(left), 0)
+    row, page = generator.stored_pages()["a-new"], text(generator, "a-new")
+    assert row["source_files"] == ["a/one.py", "a/b/two.py", "a/b/c/three.py"]
+    assert [page.count(f"What {name} is for.") for name in "abc"] == [1, 1, 1]
+    assert (generator.stored_pages().keys(), page_prose(page, row)) == (left, row["build_cache"]["prose"])
 
 
-def test_a_page_kept_because_the_index_is_behind_is_not_forgotten(generator: WikiGenerator) -> None:
+def test_a_replan_and_the_note_of_it_are_committed_together(generator, monkeypatch):
+    before = generator.stored_pages()
+    monkeypatch.setattr(generator.repository, "put_fact", lambda *_: 1 / 0)
+    with pytest.raises(ZeroDivisionError):
+        generator.apply_replan({"new": "lone"}, ALL - {"lone"} | {"new"})
+    assert generator.stored_pages() == before and "Said in a README." in text(generator, "lone")
+
+
+def test_a_wiki_stays_with_its_tree(generator, tmp_path):
+    with pytest.raises(TreeError, match="this wiki is about"):
+        WikiGenerator(generator.repository, write_files(tmp_path / "other", {"x.py": ""}), "main", tmp_path).index()
+    assert generator.build() == (len(ALL), 0)
+
+
+def test_a_page_kept_because_the_index_is_behind_is_not_forgotten(generator):
     generator.repository.forget_indexed_files(["a/b/c/three.py", "family/left/l.py", "family/deep/right/r.py"])
     behind = ["a.b.c", "family", "family.deep", "family.deep.right", "family.left"]
-    planned = {plan.page_id for plan in generator.plan()}
-    assert planned == ALL.difference(behind)
-    remap = ReplanRemap({}, {"a": ["a.b.c"]})
-    outcome = run_replan(generator, remap, planned)
+    assert {plan.page_id for plan in generator.plan()} == ALL.difference(behind)
+    with pytest.raises(ReplanError, match="index the tree"):
+        generator.apply_replan({"new": "a.b.c"}, ALL.difference(behind) | {"new"})
+    outcome = run_replan(generator, ReplanRemap({}, {"a": ["a.b.c"]}), ALL.difference(behind))
     assert (outcome.index_behind, outcome.deleted, len(outcome.warnings)) == (behind, 0, len(behind))
-    generator.index()
-    generator.build()
-    assert generator.stored_pages().keys() == ALL
-    assert generator.apply_replan(remap, ALL - {"a.b.c"}) == 1
-    assert "What c is for." in page(generator, "a").read_text()
+    assert (generator.index(), generator.build()) == ((7, 8), (len(ALL), 0))
 
 
-@pytest.mark.parametrize(
-    ("remap", "plan_ids", "error"),
-    [
-        (ReplanRemap({}, {"a.b": ["a.b.c"]}), ALL - {"a.b", "a.b.c"}, ReplanError),
-        (ReplanRemap({"new": "a.b"}, {}), ALL - {"a.b"}, ReplanError),
-        (ReplanRemap({"../new": "a.b"}, {}), ALL - {"a.b"} | {"../new"}, PageIdError),
-        (ReplanRemap({}, {"a.b": ["a"], "a": ["a.b"]}), ALL - {"a", "a.b"}, ReplanError),
-        (ReplanRemap({}, {"note": ["a"]}), ALL - {"a"} | {"note"}, ReplanError),
-        (ReplanRemap({"unclaimed": "a"}, {}), ALL - {"a"} | {"unclaimed"}, ReplanError),
-    ],
-)
-def test_a_replan_that_would_lose_prose_is_refused(
-    generator: WikiGenerator, remap: ReplanRemap, plan_ids: set[str], error: type[Exception]
-) -> None:
+@pytest.mark.parametrize(("seeds", "merges", "gone"), REFUSED)
+def test_what_would_lose_prose_is_refused(generator, tmp_path, seeds, merges, gone):
     generator.file_note("note", "A note", "text")
-    page(generator, "unclaimed").write_text("somebody's own")
-    before = state(generator)
-    with pytest.raises(error):
-        generator.apply_replan(remap, plan_ids)
-    with pytest.raises(error):
-        generator._prune_retired_pages(generator.stored_pages(), plan_ids, remap)
-    assert state(generator) == before
-
-
-def test_a_note_never_takes_a_page_over(generator: WikiGenerator, tree: Path) -> None:
-    generator.file_note("later", "Later", "text")
-    for refused in ("later", "a", "../x", "a/b"):
-        with pytest.raises(HostError):
-            generator.file_note(refused, "T", "other")
-    write_files(tree, {"later/x.py": ""})
+    write_files(tmp_path, {"wiki/pages/taken.md": "somebody's own", "tree/note/x.py": ""})
+    (generator.pages_dir / "linked").symlink_to(tmp_path)
     generator.index()
-    before = state(generator)
+    before, remap, plan_ids = state(generator), ReplanRemap(seeds, merges), {*ALL, *seeds, *merges} - gone
+    with pytest.raises((ReplanError, PageIdError)):
+        generator.apply_replan(remap, plan_ids)
     with pytest.raises(HostError, match="has the id of a folder's page"):
         generator.build()
     assert state(generator) == before
 
 
-def test_a_wiki_takes_one_run_at_a_time(generator: WikiGenerator, tree: Path) -> None:
-    second = WikiGenerator(generator.repository, tree, "main", generator.pages_dir.parent)
-    finished = threading.Event()
-
-    def build() -> None:
-        second.build()
-        finished.set()
-
-    other = threading.Thread(target=build)
+def test_a_wiki_takes_one_run_at_a_time(generator, tree):
+    other = Thread(target=WikiGenerator(generator.repository, tree, "main", generator.pages_dir.parent).build)
     with generator.lock.held(), generator.lock.held():
         other.start()
-        time.sleep(0.2)
-        assert not finished.is_set()
+        other.join(0.2)
+        assert other.is_alive()
     other.join(30)
-    assert finished.is_set()
+    assert not other.is_alive()

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import json
 import threading
-from collections.abc import Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from typing import Any
 
@@ -135,7 +135,7 @@ class Database:
                 sa.event.listen(self.engine, "connect", _prepare_sqlite)
                 sa.event.listen(self.engine, "begin", _begin_sqlite)
             _metadata.create_all(self.engine)
-        except (sa.exc.SQLAlchemyError, ImportError) as error:
+        except (sa.exc.SQLAlchemyError, ImportError, ValueError, TypeError) as error:
             reason = " ".join(str(getattr(error, "orig", None) or error).split())
             raise StoreError(f"cannot open the database {shown} ({reason}); check its URL") from error
         self._threads = threading.local()
@@ -146,10 +146,12 @@ class Database:
 
         Inside another transaction it is a savepoint of that one.
         """
+        last_step, self._threads.last_step = getattr(self._threads, "last_step", _nothing), _nothing
         outer: sa.Connection | None = getattr(self._threads, "connection", None)
         if outer is not None:
             with outer.begin_nested():
                 yield outer
+                last_step()
             return
         with self.engine.connect() as connection:
             connection = connection.execution_options(writes=True)
@@ -157,8 +159,18 @@ class Database:
                 self._threads.connection = connection
                 try:
                     yield connection
+                    last_step()
                 finally:
                     self._threads.connection = None
+
+    @contextmanager
+    def ending_with(self, step: Callable[[], None]) -> Iterator[None]:
+        """Make `step` the last one of the next transaction that begins inside: both are committed, or neither."""
+        self._threads.last_step = step
+        try:
+            yield
+        finally:
+            self._threads.last_step = _nothing
 
     @contextmanager
     def rehearsal(self) -> Iterator[None]:
@@ -179,6 +191,10 @@ class Database:
             return
         with self.engine.connect() as connection:
             yield connection
+
+
+def _nothing() -> None:
+    pass
 
 
 def _prepare_sqlite(connection: Any, _record: object) -> None:

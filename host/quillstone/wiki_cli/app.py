@@ -31,7 +31,7 @@ from quillstone.workers.wiki.replan import (
     read_replan,
     run_replan,
 )
-from quillstone.workers.wiki.source_tree import check_tree
+from quillstone.workers.wiki.source_tree import check_tree, list_files
 
 DATABASE_FILE = "wiki.sqlite"
 
@@ -70,7 +70,7 @@ def index(
 ) -> None:
     """Record which files a source tree holds; later commands work on that tree."""
     with user_errors():
-        check_tree(tree)
+        list_files(tree)  # fails, if it does, before anything is made
         with opened_wiki(wiki, database, branch, tree) as generator:
             sources, files = generator.index(progress)
             say(as_json, {"source_files": sources, "files": files}, f"Indexed {sources} source files of {files} files.")
@@ -97,7 +97,7 @@ def note(
 ) -> None:
     """File a research note, its text read from standard input. Delete its file to retire it."""
     with user_errors(), opened_wiki(wiki, database, branch) as generator:
-        path = generator.file_note(note_id, title or note_id, sys.stdin.read())
+        path = generator.file_note(note_id, title or note_id, sys.stdin.buffer.read().decode("utf-8"))
         say(as_json, {"note": note_id, "file": str(path)}, f"Filed {path}")
 
 
@@ -110,7 +110,7 @@ def preview(
     as_json: AsJson = False,
 ) -> None:
     """Show what a replan would retire, keep and merge; nothing is changed."""
-    with user_errors(), opened_wiki(wiki, database, branch) as generator:
+    with user_errors(), opened_wiki(wiki, database, branch) as generator, generator.lock.held():
         document, planned = checked_replan(generator, replan)
         report(as_json, preview_replan(generator, document.remap, planned), "What would become of the pages")
 
@@ -124,7 +124,7 @@ def apply(
     as_json: AsJson = False,
 ) -> None:
     """Apply a replan: merge, rename and drop pages. Merged prose goes along; that of dropped pages does not."""
-    with user_errors(), opened_wiki(wiki, database, branch) as generator:
+    with user_errors(), opened_wiki(wiki, database, branch) as generator, generator.lock.held():
         document, planned = checked_replan(generator, replan)
         report(as_json, run_replan(generator, document.remap, planned), "What became of the pages")
 
@@ -179,7 +179,8 @@ def demo(
 def opened_wiki(wiki: Path, database: str, branch: str, tree: Path | None = None) -> Iterator[WikiGenerator]:
     """Open the wiki that was indexed before or, with a tree, one that may be new; leaves nothing behind on an error."""
     check_folder(wiki)
-    url = database or f"sqlite:///{wiki / DATABASE_FILE}"
+    file = sa.URL.create("sqlite", database=str(wiki / DATABASE_FILE))
+    url = database or file.render_as_string(hide_password=False)
     if tree is None:
         check_database_file(url)
     elif not database:
@@ -228,7 +229,7 @@ def user_errors() -> Iterator[None]:
         message = str(error)
     except sa.exc.SQLAlchemyError as error:
         message = f"the database failed ({getattr(error, 'orig', None) or error}); check it and run the command again"
-    except UnicodeDecodeError as error:
+    except UnicodeError as error:
         message = f"a text is not UTF-8 ({error}); save it as UTF-8"
     except OSError as error:
         message = f"cannot use {error.filename or 'a file'!r} ({error.strerror}); check the path and its permissions"
@@ -248,8 +249,10 @@ def say(as_json: bool, facts: Any, shown: Any) -> None:
     """Print the facts as JSON, or what is shown to people."""
     if as_json:
         typer.echo(json.dumps(facts, indent=2))
+    elif isinstance(shown, str):
+        typer.echo(shown)
     else:
-        Console().print(shown, markup=False, highlight=False, soft_wrap=isinstance(shown, str))
+        Console().print(shown)
 
 
 def report(as_json: bool, outcome: ReplanOutcome, title: str) -> None:

@@ -13,7 +13,7 @@ import sqlalchemy as sa
 from quillstone.workers.wiki.generator import Rows, Track, WikiGenerator
 from quillstone.workers.wiki.planning import ROOT_PAGE
 from quillstone.workers.wiki.replan import Replan, ReplanOutcome, check_replan, run_replan
-from quillstone.workers.wiki.replan_carry import cached_prose, carried_sections, page_prose, split_carried
+from quillstone.workers.wiki.replan_carry import cached_prose, carried_sections, split_carried
 from quillstone.workers.wiki_types import PagePlan
 
 NOTES = {
@@ -63,11 +63,10 @@ def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
     result = DemoResult(str(generator.repo_root))
     result.source_files, _ = generator.index(track)
     result.pages, _ = generator.build(track)
-    for note_id, (title, text) in NOTES.items():
-        generator.file_note(note_id, title, text)
-    (generator.pages_dir.parent / "notes" / f"{DELETED_NOTE}.md").unlink()
-
     plans = {plan.page_id: plan for plan in generator.plan()}
+    notes = {name: generator.file_note(free_id(name, plans), title, text) for name, (title, text) in NOTES.items()}
+    notes.pop(DELETED_NOTE).unlink()
+
     replan, lagging = choose_replan(plans)
     if lagging:
         generator.repository.forget_indexed_files(plans[lagging].source_files)
@@ -92,6 +91,7 @@ def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
 
     result.outcome = run_replan(generator, remap, plan_ids)
     result.checks["the replan"] = lost_prose(generator, prose, replan)
+    result.checks["the replan"] += [f"the note {note} is gone" for note in notes.values() if not note.is_file()]
     done = snapshot(generator)
     run_replan(generator, remap, plan_ids)
     problems = result.checks["the same replan again"] = lost_prose(generator, prose, replan)
@@ -102,7 +102,7 @@ def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
     if texts:
         # The shortest page that shows more than one carried section, if any does.
         result.successor, result.successor_text = min(
-            texts.items(), key=lambda page: (-min(len(split_carried(page[1])[1]), 2), len(page[1]))
+            texts.items(), key=lambda page: (-min(len(split_carried(page[1])[1]), 2), len(page[1]), page[0])
         )
     return result
 
@@ -151,8 +151,9 @@ def authored_prose(generator: WikiGenerator) -> dict[str, tuple[str, str]]:
     rows = generator.stored_pages()
     authored = {}
     for path in generator.pages_dir.glob("*.md"):
-        row = rows[path.stem]
-        authored[path.stem] = row["title"], page_prose(path.read_text("utf-8"), row)
+        # What follows the generated block, without a look at how the host takes prose out of a page.
+        prose = path.read_text("utf-8").partition("\n<!-- /generated ")[2].partition("\n")[2]
+        authored[path.stem] = rows[path.stem]["title"], prose.strip("\n")
     return authored
 
 

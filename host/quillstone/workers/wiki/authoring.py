@@ -11,10 +11,11 @@ from collections.abc import Mapping, Sequence
 from pathlib import Path, PurePosixPath
 from urllib.parse import quote
 
-from quillstone.workers.wiki.replan_carry import GENERATED, make_block, page_title_line
+from quillstone.workers.wiki.replan_carry import GENERATED, make_block, page_title_line, without_blocks
 from quillstone.workers.wiki.source_tree import LANGUAGES
 
 README_NAMES = ("README.md", "README.rst", "README.txt", "README", "readme.md")
+LARGEST_READ = 2_000_000  # bytes; parsing takes some hundred times as much memory
 CHUNK_CHARACTERS = 1500
 
 _COMMENT_BLOCK = re.compile(r"\s*/\*+(.*?)\*/", re.DOTALL)
@@ -63,13 +64,13 @@ def draft_prose(root: Path, folder: str, files: Sequence[str]) -> str:
             continue
         name = PurePosixPath(path).name
         parts.append(opening if name == "__init__.py" else f"## {name}\n\n{first_paragraph(opening)}")
-    return "\n\n".join(part for part in parts if part.strip())
+    return without_blocks("\n\n".join(part for part in parts if part.strip()))
 
 
 def opening_text(path: Path) -> str:
     """What a source file says first: a Python module's docstring, else the comment at its top; "" for none."""
     try:
-        text = read_text(path)
+        text = read_text(path) if path.stat().st_size <= LARGEST_READ else ""
     except OSError:
         return ""
     is_python = LANGUAGES.get(path.suffix.removeprefix(".").lower()) == "Python"

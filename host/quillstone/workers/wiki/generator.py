@@ -7,7 +7,7 @@ from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
 from typing import Any, cast
 
-from quillstone.errors import HostError, PageIdError, ReplanError
+from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
 from quillstone.storage.repository import Repository, check_page_id
 from quillstone.workers.wiki import authoring
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
@@ -20,7 +20,7 @@ from quillstone.workers.wiki.replan_carry import (
     split_carried,
     text_digest,
 )
-from quillstone.workers.wiki.repo_facts import _atomic_write
+from quillstone.workers.wiki.repo_facts import _atomic_write, _norm
 from quillstone.workers.wiki.source_tree import file_record, list_files
 from quillstone.workers.wiki.wiki_lock import WikiLock
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan
@@ -60,6 +60,9 @@ class TreeIndexer(WikiWorkspace):
 
         Raises `TreeError` for a tree that cannot be read and `OSError`, with the index as it was.
         """
+        known_tree = self.repository.get_fact(self.branch, "tree")
+        if known_tree and Path(known_tree).is_dir() and Path(known_tree) != self.repo_root.resolve():
+            raise TreeError(f"this wiki is about {known_tree!r}; give another tree a wiki of its own with --wiki")
         paths = list_files(self.repo_root, without=self.pages_dir.parent)
         records = [file_record(self.repo_root, path) for path in track(paths, "Indexing")]
         with self.lock.held(), self.repository.db.transaction():
@@ -107,8 +110,10 @@ class NoteKeeper(WikiWorkspace):
             if note_id in self.stored_pages() or path.exists():
                 raise HostError(f"the id {note_id!r} is taken by a page or a note; choose another, or edit {path}")
             prose = authoring.clean_text(text).strip("\n")
-            _atomic_write(path, f"# {authoring.clean_text(title)}\n\n{prose}\n")
-            self.repository.file_note(self.branch, note_id, authoring.clean_text(title), authoring.split_chunks(prose))
+            title = authoring.clean_text(title)
+            with self.repository.db.transaction():  # the file last: without it the row goes, too
+                self.repository.file_note(self.branch, note_id, title, authoring.split_chunks(prose))
+                _atomic_write(path, f"# {title}\n\n{prose}\n")
         return path
 
 
@@ -191,9 +196,9 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
         """
         with self.lock.held():
             before = self.stored_pages()
-            deleted = self._apply_replan_to_store(remap, plan_ids)
-            self._place_folders(remap, plan_ids, before)
-        return deleted
+            # A build between a replan and the note of it would take the replan's pages for strangers.
+            with self.repository.db.ending_with(lambda: self._place_folders(remap, plan_ids, before)):
+                return self._apply_replan_to_store(remap, plan_ids)
 
     def _page_text(self, page_id: str) -> str | None:
         try:
@@ -221,19 +226,29 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
             self._page_text(page_id)  # one that cannot be read would stop the prune half-way
         for successor in origins:
             check_page_id(successor)
+            if self.pages_dir.resolve() not in (self.pages_dir / f"{successor}.md").resolve().parents:
+                raise PageIdError(f"page id {successor!r} leads out of the pages folder by a link; choose another")
             self._page_text(successor)
             if successor not in safe:
                 raise ReplanError(
                     f"page {successor!r} takes prose but is not in the plan, so the prose would go with it; "
                     "keep the page or merge it on into one that stays"
                 )
-            if rows.get(successor, {}).get("level") == NOTE_LEVEL:
-                raise ReplanError(f"{successor!r} is a note; merge into a page, or choose another name")
+            for page_id in (successor, *origins[successor]):
+                if rows.get(page_id, {}).get("level") == NOTE_LEVEL:
+                    raise ReplanError(f"{page_id!r} is a note; only pages are merged and renamed")
             seed = rows.get(remap.get(successor, ""))
+            if seed and successor not in rows and seed["page_id"] not in plan_ids and self._is_behind(seed):
+                raise ReplanError(f"the index lacks the sources of {seed['page_id']!r}; index the tree, then rename it")
             if seed and successor not in rows and not self._may_be_written(successor, seed):
                 raise ReplanError(
                     f"{self.pages_dir / successor}.md exists but no stored page owns it; move it out of the way"
                 )
+
+    def _is_behind(self, page: dict[str, Any]) -> bool:
+        # The prune would keep the old page; the new one, of no folder then, would go with the next build.
+        sources = {_norm(path) for path in page["source_files"]}
+        return not sources & self._indexed_paths() and any((self.repo_root / path).exists() for path in sources)
 
     def _may_be_written(self, page_id: str, seed: dict[str, Any]) -> bool:
         # A file without a row is somebody's own, unless a run that failed left it: then it is the seed's text.

@@ -79,7 +79,7 @@ def read_replan(path: Path) -> Replan:
         document = json.loads(path.read_text("utf-8"))
     except OSError as error:
         raise ReplanError(f"cannot read the replan {str(path)!r} ({error.strerror}); give a JSON file") from error
-    except ValueError as error:
+    except (ValueError, RecursionError) as error:
         raise ReplanError(f"replan {str(path)!r} is no JSON ({error}); correct the file") from error
     if not isinstance(document, dict) or document.keys() - {"merge", "rename", "drop"}:
         raise ReplanError(f'replan {str(path)!r} must be an object with "merge", "rename" and "drop" only')

@@ -126,17 +126,20 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
     """A page's authored prose: its file's text without the generated block and the title line right above that.
 
     Args:
-        text: the page file's text, or None for a page without a file, whose prose is the cached one.
+        text: the page file's text; where that is None or blank, the cached prose stands for it.
         row: the page row; a title line is the page's own only as the row spells it.
     """
-    if text is None:
+    if text is None or not text.strip():
         return cached_prose(row)
     title_line = page_title_line(row.get("title") or row.get("page_id") or "")
     pieces: list[str] = []
+    generated = False
     for kind, piece in _pieces(text):
-        if kind != GENERATED:
+        if kind != GENERATED or generated:  # a second one was pasted
             pieces.append(piece)
-        elif pieces and pieces[-1].rstrip("\n").rpartition("\n")[2] == title_line:
+            continue
+        generated = True
+        if pieces and pieces[-1].rstrip("\n").rpartition("\n")[2] == title_line:
             pieces.append(pieces.pop().rstrip("\n").removesuffix(title_line))
     return join_prose(pieces)
 
@@ -168,6 +171,13 @@ def make_block(kind: str, content: str) -> str:
     """Put the content between marker lines that carry its digest."""
     digest = text_digest(content)
     return f"<!-- {kind} {digest} -->\n{content}\n<!-- /{kind} {digest} -->"
+
+
+def without_blocks(text: str) -> str:
+    """The text with its marker lines made plain ones, for text that is not this wiki's own."""
+    return "\n".join(
+        line.replace("<!--", "<!-- -", 1) if _MARKER.fullmatch(line) else line for line in text.split("\n")
+    )
 
 
 def text_digest(text: str) -> str:

@@ -72,8 +72,10 @@ def _tracked_files(root: Path) -> list[str]:
     # Empty for a folder that git does not know, also one that an outer checkout ignores. A repository's own
     # settings may name a program to run: not here.
     command = ["git", "-C", str(root), "-c", "core.fsmonitor=false", "ls-files", "-z", "--cached"]
+    # Nor does it matter which repository a hook that called us works in.
+    environment = {name: value for name, value in os.environ.items() if not name.startswith("GIT_")}
     try:
-        listed = subprocess.run(command, capture_output=True, check=True).stdout
+        listed = subprocess.run(command, capture_output=True, check=True, env=environment).stdout
     except (OSError, subprocess.CalledProcessError):
         return []
     paths = {os.fsdecode(path) for path in listed.split(b"\0") if path}
@@ -100,7 +102,16 @@ def _ignore_specs(root: Path, folder: str) -> Iterator[tuple[str, GitIgnoreSpec]
         file = root / folder / name
         if file.is_file():
             lines = file.read_text("utf-8", errors="replace").splitlines()
-            yield f"{folder}/" if folder else "", GitIgnoreSpec.from_lines(lines)
+            yield f"{folder}/" if folder else "", GitIgnoreSpec.from_lines(filter(_is_pattern, lines))
+
+
+def _is_pattern(line: str) -> bool:
+    # git passes over what is none
+    try:
+        GitIgnoreSpec.from_lines([line])
+    except ValueError:
+        return False
+    return True
 
 
 def _is_ignored(path: str, specs: Sequence[tuple[str, GitIgnoreSpec]]) -> bool:

@@ -28,13 +28,13 @@ class PageRetirementMixin:
     def _prune_retired_pages(self, existing, plan_ids, remap=None):
         deletes = self._retired_page_ids(existing, plan_ids)
         successors = self._carry_into_successors(remap if remap is not None else {}, deletes)
-        done = False
+        completed = False
         with self.repository.db.transaction():
             for new_id, (row, files, carried) in successors.items():
                 self._upsert_successor(new_id, row, files, carried)
             deleted = [pid for pid in sorted(deletes) if self.repository.delete_wiki_page(self.branch, pid)]
-            done = True
-        if not done:
+            completed = True
+        if not completed:
             raise RuntimeError
         for pid in deleted:
             with contextlib.suppress(OSError):
@@ -48,8 +48,7 @@ class PageRetirementMixin:
                 "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)")
             return set()
         retired = {
-            page_id
-            for page_id, page in existing.items()
+            page_id for page_id, page in existing.items()
             if (page.get("level") or "module") != NOTE_LEVEL
             and page_id not in plan_ids
             and not self._retired_only_because_the_index_is_behind(page_id, page, indexed, existing)
@@ -66,8 +65,7 @@ class PageRetirementMixin:
         else:
             return set()
         return {
-            page_id
-            for page_id, page in existing.items()
+            page_id for page_id, page in existing.items()
             if page.get("level") == NOTE_LEVEL
             and not (wiki_dir / (page.get("rel_path") or f"notes/{page_id}.md")).is_file()
         }
@@ -77,11 +75,9 @@ class PageRetirementMixin:
         seeds = {}
         merged = merged_predecessors(remap)
         for new_id, old_id in remap.items():
-            if old_id not in rows:
-                continue
-            if new_id in rows:
+            if old_id in rows and new_id in rows:
                 merged.setdefault(new_id, []).insert(0, old_id)
-            else:
+            elif old_id in rows:
                 seeds[new_id] = old_id
         carried = {new_id: [pid for pid in pids if pid in deletes and pid in rows] for new_id, pids in merged.items()}
         sections = {}
@@ -89,10 +85,8 @@ class PageRetirementMixin:
             sections[new_id] = carried_sections(
                 (rows[pid].get("title") or pid, page_prose(self._page_text(pid), rows[pid])) for pid in pids
             )
-        with_blocks = {new_id: None for new_id, blocks in sections.items() if blocks}
-        visited = {**dict.fromkeys(seeds), **with_blocks}
         successors = {}
-        for new_id in visited:
+        for new_id in [*seeds, *[new_id for new_id, blocks in sections.items() if blocks and new_id not in seeds]]:
             base_id = seeds.get(new_id, new_id)
             row = rows.get(base_id) or {}
             blocks = sections.get(new_id, [])

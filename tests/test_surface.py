@@ -56,8 +56,7 @@ def test_the_class_is_plain():
 def test_docstrings_are_laid_out_as_in_source():
     text = page_retirement.__doc__
     assert text.endswith("never swept.\n") and max(map(len, text.splitlines())) <= 93
-    starts = [line[:2] for line in text.split("\n\n")[2].splitlines()]
-    assert starts.count("- ") == 3 and set(starts) == {"- ", "  "}
+    assert [line[:2] for line in text.split("\n\n")[2].splitlines()].count("- ") == 3
     for function in FUNCTIONS:
         indent = "    " if function is page_retirement._judged_sources else "        "
         first, *rest = function.__doc__.split("\n")

@@ -19,31 +19,31 @@ Object import_module(Handle globals, const char* name, std::initializer_list<con
 
 namespace {
 
-Object optional_attr(Handle object, const char* name, Where where) {
-  PyObject* value = nullptr;
-  check(_PyObject_LookupAttr(object, Name(name, where).get(), &value), where);
-  return Object(value);
+/// The attribute, or none: what goes wrong while an error is being worded gives way to that error.
+Object optional_attr(Handle object, const char* name) {
+  Object value(PyObject_GetAttrString(object, name));
+  if (!value) PyErr_Clear();
+  return value;
 }
 
-[[noreturn]] void cannot_import(Handle module, Handle name, Handle module_name, Where where) {
+[[noreturn]] void cannot_import(Handle module, Handle name, Where where) {
+  Object module_name = optional_attr(module, "__name__");
+  if (module_name && !PyUnicode_Check(module_name.get())) module_name = Object();
+  const Object shown = module_name ? module_name : string("<unknown module name>", where);
   const Object file(PyModule_GetFilenameObject(module));
-  Object message;
+  const char* format = "cannot import name %R from %R (unknown location)";
   if (!file) {
     PyErr_Clear();
-    message = steal(PyUnicode_FromFormat("cannot import name %R from %R (unknown location)",
-                                         static_cast<PyObject*>(name), static_cast<PyObject*>(module_name)),
-                    where);
   } else {
-    const Object spec = optional_attr(module, "__spec__", where);
-    const char* format = _PyModuleSpec_IsInitializing(spec.get())
-                             ? "cannot import name %R from partially initialized module %R (most likely due to a "
-                               "circular import) (%S)"
-                             : "cannot import name %R from %R (%S)";
-    message = steal(
-        PyUnicode_FromFormat(format, static_cast<PyObject*>(name), static_cast<PyObject*>(module_name), file.get()),
-        where);
+    const Object spec = optional_attr(module, "__spec__");
+    format = _PyModuleSpec_IsInitializing(spec.get())
+                 ? "cannot import name %R from partially initialized module %R (most likely due to a circular import) "
+                   "(%S)"
+                 : "cannot import name %R from %R (%S)";
   }
-  PyErr_SetImportError(message.get(), module_name, file.get());
+  const Object message =
+      steal(PyUnicode_FromFormat(format, static_cast<PyObject*>(name), shown.get(), file.get()), where);
+  PyErr_SetImportError(message.get(), module_name.get(), file.get());
   throw Error{where};
 }
 
@@ -54,16 +54,14 @@ Object import_from(Handle module, Handle name, Where where) {
   check(_PyObject_LookupAttr(module, name, &value), where);
   if (value) return Object(value);
   // A submodule may be imported while its package does not have it as an attribute yet: a circular import.
-  Object module_name = optional_attr(module, "__name__", where);
-  if (!module_name || !PyUnicode_Check(module_name.get())) {
-    module_name = Name("<unknown module name>", where);
-  } else {
+  const Object module_name = optional_attr(module, "__name__");
+  if (module_name && PyUnicode_Check(module_name.get())) {
     const Object full_name =
         steal(PyUnicode_FromFormat("%U.%U", module_name.get(), static_cast<PyObject*>(name)), where);
     if (PyObject* submodule = PyImport_GetModule(full_name.get())) return Object(submodule);
     if (PyErr_Occurred()) throw Error{where};
   }
-  cannot_import(module, name, module_name, where);
+  cannot_import(module, name, where);
 }
 
 }  // namespace py

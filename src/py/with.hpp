@@ -23,8 +23,9 @@ class Exit {
 
 /// `with manager: body()`; gives the exception of the body that the manager swallowed, if any.
 template <class State, class Body>
-Object with(const Scope<State>& scope, Handle manager, Body body, Where where = Where::current()) {
+Object with(const Scope<State>& scope, Object manager, Body body, Where where = Where::current()) {
   const Exit exit(manager, scope->__enter__, scope->__exit__, where);
+  manager = Object();  // from here on it is held by its bound `__exit__` alone
   std::optional<Error> failure;
   try {
     body();

@@ -48,8 +48,8 @@ struct PruneRetiredPages {
     const Callee carry = py::method(self, m->_carry_into_successors);
     const Object successors = carry(remap == Py_None ? Dict() : py::borrow(remap), deletes);
     List deleted;
-    const Object transaction = py::method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
-    const Object swallowed = py::with(m, transaction, [&] {
+    Object transaction = py::method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
+    const Object swallowed = py::with(m, std::move(transaction), [&] {
       upsert(m, self, successors);
       delete_rows(m, self, deletes, deleted);
     });
@@ -80,8 +80,8 @@ struct PruneRetiredPages {
   /// Only after the commit; a file that resists is no reason to keep the others.
   static void remove_files(const Scope& m, Handle self, const List& deleted) {
     for (Object page_id : each(deleted)) {
-      const Callee suppress = py::method(m.load(m->contextlib), m->suppress);
-      py::with(m, suppress(PyExc_OSError),
+      Object suppress = py::method(m.load(m->contextlib), m->suppress)(PyExc_OSError);
+      py::with(m, std::move(suppress),
                [&] { py::method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });
     }
   }

@@ -183,7 +183,8 @@ def test_a_thread_that_the_interpreter_ends_does_not_take_the_process_along():
         threading.Thread(target=page_retirement._judged_sources, args=(pages, {}), daemon=True).start()
         started.wait()
     """
-    subprocess.run([sys.executable, "-c", textwrap.dedent(program)], check=True)
+    for _ in range(5):  # where the end finds the thread is a matter of chance
+        subprocess.run([sys.executable, "-c", textwrap.dedent(program)], check=True)
 
 
 def test_calls_that_recurse_end_in_recursion_error():

@@ -24,7 +24,7 @@ class Turns {
   unsigned count_ = 0;
 };
 
-/// `for (Object member : each(iterable))`
+/// `for (const Object& member : each(iterable))`
 class each {
  public:
   explicit each(Object iterable, Where where = Where::current()) : where_(where) {
@@ -36,7 +36,7 @@ class each {
   class iterator {
    public:
     explicit iterator(each& loop) : loop_(loop), member_(loop.next()) {}
-    Object operator*() { return std::move(member_); }
+    const Object& operator*() const noexcept { return member_; }  // lives until the next one is there
     iterator& operator++() {
       member_ = loop_.next();
       return *this;
@@ -100,7 +100,7 @@ std::array<Object, count> unpack(Handle iterable, Where where = Where::current()
   return members;
 }
 
-/// `for (auto [key, value] : items(mapping, name_of_items))`
+/// `for (const auto& [key, value] : items(mapping, name_of_items))`
 class items {
  public:
   items(Handle mapping, Handle items_name, Where where = Where::current()) : where_(where) {
@@ -120,10 +120,11 @@ class items {
   class iterator {
    public:
     explicit iterator(items& loop) : loop_(loop) { ++*this; }
-    Item operator*() { return std::move(item_); }
+    const Item& operator*() const noexcept { return item_; }
     iterator& operator++() {
-      item_ = Item();
-      loop_.next(item_);
+      Item next;
+      loop_.next(next);
+      item_ = std::move(next);
       return *this;
     }
     bool operator==(std::default_sentinel_t) const noexcept { return loop_.done_; }

@@ -56,7 +56,7 @@ struct CarryIntoSuccessors {
     const Dict sections = carried_sections(m, self, rows, carried);
 
     Dict successors;
-    for (Object new_id : each(visited(m, seeds, sections))) {
+    for (const Object& new_id : each(visited(m, seeds, sections))) {
       const Object base_id = found_or(seeds, new_id, new_id);
       Object row = found_or(rows, base_id, Py_None);
       if (!py::truth(row)) row = Dict();
@@ -76,7 +76,7 @@ struct CarryIntoSuccessors {
 
   /// The seed of a stored successor is its first predecessor; one of a successor still to be stored is its base.
   static void route_seeds(const Scope& m, Handle remap, const Dict& rows, Handle merged, Dict& seeds) {
-    for (auto [new_id, old_id] : items(remap, m->items)) {
+    for (const auto& [new_id, old_id] : items(remap, m->items)) {
       if (!rows.has(old_id)) continue;
       if (rows.has(new_id)) {
         const Object predecessors = py::method(merged, m->setdefault)(new_id, List());
@@ -89,9 +89,9 @@ struct CarryIntoSuccessors {
 
   static Dict carried_pages(const Scope& m, Handle merged, Handle deletes, const Dict& rows) {
     Dict carried;
-    for (auto [new_id, predecessors] : items(merged, m->items)) {
+    for (const auto& [new_id, predecessors] : items(merged, m->items)) {
       List pages;
-      for (Object page_id : each(predecessors))
+      for (const Object& page_id : each(predecessors))
         if (py::contains(deletes, page_id) && rows.has(page_id)) pages.append(page_id);
       carried.set(new_id, pages);
     }
@@ -103,7 +103,7 @@ struct CarryIntoSuccessors {
     const Object pair = PairMaker::make(m, self, rows);
     const Callee generator(py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.globals, m->pairs_name.get())));
     Dict sections;
-    for (auto [new_id, pages] : items(carried, m->items)) {
+    for (const auto& [new_id, pages] : items(carried, m->items)) {
       const Callee collaborator = m.callee(m->carried_sections);
       const Object page_ids = py::steal(PyObject_GetIter(pages.get()));
       sections.set(new_id, collaborator(generator(page_ids, pair)));
@@ -114,8 +114,8 @@ struct CarryIntoSuccessors {
   /// The keys are the successors to visit: those with a seed, in the remap's order, then those with sections.
   static Dict visited(const Scope& m, const Dict& seeds, const Dict& sections) {
     Dict visited;
-    for (Object new_id : each(seeds)) visited.set(new_id, Py_None);
-    for (auto [new_id, blocks] : items(sections, m->items))
+    for (const Object& new_id : each(seeds)) visited.set(new_id, Py_None);
+    for (const auto& [new_id, blocks] : items(sections, m->items))
       if (py::truth(blocks)) visited.set(new_id, Py_None);
     return visited;
   }
@@ -135,8 +135,8 @@ struct CarryIntoSuccessors {
     if (!files.empty()) return files;
     Set distinct;
     if (const Object pages = py::find(carried, new_id))
-      for (Object page_id : each(pages))
-        for (Object file : each(list_field(m, py::item(rows, page_id), m->source_files))) distinct.add(file);
+      for (const Object& page_id : each(pages))
+        for (const Object& file : each(list_field(m, py::item(rows, page_id), m->source_files))) distinct.add(file);
     files = List(distinct);
     files.sort();
     return files;
@@ -161,7 +161,9 @@ struct PageText {
 Object State::make_pairs_code() {
   // A generator of the interpreter's own kind: lazy, closable, and a StopIteration in it becomes a RuntimeError.
   constexpr const char* source = "def pairs(ids, pair):\n for id in ids: yield pair(id)\n";
-  const Object body = py::steal(Py_CompileString(source, "<carry.cpp>", Py_file_input));
+  PyObject* compiled = Py_CompileString(source, "<carry.cpp>", Py_file_input);
+  if (compiled == nullptr && !PyErr_Occurred()) PyErr_NoMemory();  // which the compiler may forget to say
+  const Object body = py::steal(compiled);
   const Object constants = py::attr(body, py::Name("co_consts"));
   const Object code = py::item(constants, py::integer(0));
   return py::method(code, py::Name("replace")).with_keywords(keywords("co_name"), py::Name("<genexpr>"));

@@ -22,15 +22,15 @@ struct JudgedSources {
     add_sources(m, own, page);
     if (!own.empty()) return own;
     List children;
-    for (Object child : each(list_field(m, page, m->related_pages)))
+    for (const Object& child : each(list_field(m, page, m->related_pages)))
       if (py::contains(existing, child)) children.append(child);
     List family;
-    for (Object child : each(children)) add_sources(m, family, py::item(existing, child));
+    for (const Object& child : each(children)) add_sources(m, family, py::item(existing, child));
     return family;
   }
 
   static void add_sources(const Scope& m, List& sources, Handle page) {
-    for (Object path : each(list_field(m, page, m->source_files))) sources.append(m.callee(m->_norm)(path));
+    for (const Object& path : each(list_field(m, page, m->source_files))) sources.append(m.callee(m->_norm)(path));
   }
 };
 
@@ -51,7 +51,7 @@ struct IndexedPaths {
     const Object listed = list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million);
     const auto [files, more, limit, total] = unpack<4>(listed);
     Set indexed;
-    for (Object record : each(files)) {
+    for (const Object& record : each(files)) {
       const Callee norm = m.callee(m->_norm);
       indexed.add(norm(py::item(record, m->path)));
     }
@@ -79,7 +79,7 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     const Object sources = m.callee(m->_judged_sources)(page, existing);
     if (!py::truth(sources) || any_indexed(sources, indexed)) return py::borrow(Py_False);
     Py_ssize_t on_disk = 0;
-    for (Object source : each(sources)) {
+    for (const Object& source : each(sources)) {
       const Object file = py::join(py::attr(self, m->repo_root), source);
       if (py::truth(py::method(file, m->exists)())) ++on_disk;
     }

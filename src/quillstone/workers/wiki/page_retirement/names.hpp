@@ -184,7 +184,7 @@ inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where 
 inline Dict stored_rows(const Scope& m, Handle self, py::Where where = py::Where::current()) {
   const Callee get_wiki_pages = py::method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
   Dict rows(where);
-  for (Object row : each(get_wiki_pages({py::attr(self, m->branch, where), where}), where))
+  for (const Object& row : each(get_wiki_pages({py::attr(self, m->branch, where), where}), where))
     rows.set(py::item(row, m->page_id, where), row, where);
   return rows;
 }

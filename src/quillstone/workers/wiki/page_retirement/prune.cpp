@@ -62,7 +62,7 @@ struct PruneRetiredPages {
   }
 
   static void upsert(const Scope& m, Handle self, Handle successors) {
-    for (auto [new_id, successor] : items(successors, m->items)) {
+    for (const auto& [new_id, successor] : items(successors, m->items)) {
       const auto [row, files, carried] = unpack<3>(successor);
       py::method(self, m->_upsert_successor)(new_id, row, files, carried);
     }
@@ -71,7 +71,7 @@ struct PruneRetiredPages {
   static void delete_rows(const Scope& m, Handle self, Handle deletes, List& deleted) {
     List ids(deletes);
     ids.sort();
-    for (Object page_id : each(ids)) {
+    for (const Object& page_id : each(ids)) {
       const Callee delete_row = py::method(py::attr(self, m->repository), m->delete_wiki_page);
       if (py::truth(delete_row(py::attr(self, m->branch), page_id))) deleted.append(page_id);
     }
@@ -79,7 +79,7 @@ struct PruneRetiredPages {
 
   /// Only after the commit; a file that resists is no reason to keep the others.
   static void remove_files(const Scope& m, Handle self, const List& deleted) {
-    for (Object page_id : each(deleted)) {
+    for (const Object& page_id : each(deleted)) {
       Object suppress = py::method(m.load(m->contextlib), m->suppress)(PyExc_OSError);
       py::with(m, std::move(suppress),
                [&] { py::method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });

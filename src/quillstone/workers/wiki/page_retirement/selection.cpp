@@ -21,7 +21,7 @@ struct RetiredPageIds {
       return Set();
     }
     Set retired;
-    for (auto [page_id, page] : items(existing, m->items)) {
+    for (const auto& [page_id, page] : items(existing, m->items)) {
       const Object level = field_or(m, page, m->level, m->module);
       if (!py::unequal(level, m.load(m->NOTE_LEVEL)) || py::contains(plan_ids, page_id)) continue;
       const Callee index_is_behind = py::method(self, m->_retired_only_because_the_index_is_behind);
@@ -49,7 +49,7 @@ struct NotesWhoseFileIsGone {
     const Object wiki_dir = py::attr(py::attr(self, m->pages_dir), m->parent);
     Set gone;
     if (!holds_notes(m, py::join(wiki_dir, m->notes))) return gone;
-    for (auto [page_id, page] : items(existing, m->items)) {
+    for (const auto& [page_id, page] : items(existing, m->items)) {
       const Object level = field(m, page, m->level);
       if (!py::equal(level, m.load(m->NOTE_LEVEL))) continue;
       const Object note_file = py::join(wiki_dir, relative_path(m, page_id, page));
@@ -60,7 +60,7 @@ struct NotesWhoseFileIsGone {
 
   static bool holds_notes(const Scope& m, Handle notes_dir) {
     if (!py::truth(py::method(notes_dir, m->is_dir)())) return false;
-    for (Object entry : each(py::method(notes_dir, m->glob)(m->any_md))) return true;
+    for ([[maybe_unused]] const Object& entry : each(py::method(notes_dir, m->glob)(m->any_md))) return true;
     return false;
   }
 

@@ -151,6 +151,40 @@ def test_a_list_that_changes_while_it_is_read(monkeypatch):
     assert page_retirement._judged_sources({"source_files": files}, {}) == ["a", "b"]
 
 
+def test_children_are_read_as_they_are_by_then(monkeypatch):
+    rows = {"x": {"source_files": ["a"]}, "y": {"source_files": ["b"]}}
+    family = {"related_pages": ["x", "y"]}
+    monkeypatch.setattr(page_retirement, "_norm", lambda path: rows.update(y={"source_files": ["c"]}) or path)
+    assert page_retirement._judged_sources(family, rows) == ["a", "c"]
+    monkeypatch.setattr(page_retirement, "_norm", lambda path: rows.pop("y") and path)
+    with pytest.raises(KeyError, match="y"):
+        page_retirement._judged_sources(family, rows)
+
+
+def test_sources_meet_the_index_as_sets_do(monkeypatch):
+    host = simple()
+    host.repo_root = Path("/nowhere")
+    alike = type("Alike", (str,), {"__hash__": lambda self: hash("a"), "__eq__": lambda self, other: True})
+    met = []
+    indexed = type("Index", (set,), {"__rand__": lambda self, other: met.append(other)})
+    for sources, index in [(["a", []], {"a"}), (["a"], ["a"])]:
+        monkeypatch.setattr(page_retirement, "_judged_sources", lambda page, existing, sources=sources: sources)
+        with pytest.raises(TypeError):
+            host._retired_only_because_the_index_is_behind("page", {}, index, {})
+    for sources, index in [([alike("b")], {"a"}), (["b", "a"], {"a"}), (["a"], indexed({"a"}))]:
+        monkeypatch.setattr(page_retirement, "_judged_sources", lambda page, existing, sources=sources: sources)
+        host.repo_root = Path("/nowhere") if index.__class__ is indexed else None  # not asked where the index has it
+        assert host._retired_only_because_the_index_is_behind("page", {}, index, {}) is False
+    assert met == [{"a"}]
+
+
+@pytest.mark.filterwarnings("ignore::DeprecationWarning")
+def test_a_str_made_the_old_way_is_a_str_all_the_same():
+    legacy = pytest.importorskip("_testcapi").unicode_legacy_string
+    pages = {"note": {"level": legacy("note")}, "page": {"level": legacy("other")}, "none": {"level": legacy("")}}
+    assert select(pages, lambda page_id: False) == {"page", "none"}
+
+
 def test_unpacking_the_index():
     for listed, text in [
         (7, "cannot unpack non-iterable int object"),
@@ -237,6 +271,17 @@ def test_ids_that_are_no_str_are_formatted(wiki):
     wiki.note("9")
     assert wiki._page_text(7) == "seven"
     assert wiki._notes_whose_file_is_gone({8: {"level": "note"}, 9: {"level": "note"}}) == {8}
+    for page_id in ("é", "漢", "😀"):
+        wiki.file(page_id).write_text(page_id, "utf-8")
+        assert wiki._page_text(page_id) == page_id
+
+
+def test_a_data_descriptor_of_the_class_comes_before_the_instance():
+    host = simple(delete_wiki_page=lambda branch, page_id: branch == "of the class")
+    host.pages_dir = Path("/nowhere")
+    type(host).branch = property(lambda self: "of the class")
+    assert vars(host)["branch"] == "main"
+    assert host._prune_retired_pages({}, set()) == 1
 
 
 def test_a_build_cache_is_what_python_takes_for_a_dict():

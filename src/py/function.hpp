@@ -81,12 +81,13 @@ class Function {
                         PyObject* keywords) noexcept {
     const auto* function = reinterpret_cast<PyFunctionObject*>(callable);
     const bool complete = PyVectorcall_NARGS(flags) == Py_ssize_t{arity} && keywords == nullptr;
-    const bool traced = PyThreadState_Get()->cframe->use_tracing != 0;
+    PyThreadState* thread = PyThreadState_Get();
+    const bool traced = thread->cframe->use_tracing != 0;
     PyObject* owner = complete && !traced ? own_state(reinterpret_cast<PyCodeObject*>(function->func_code)) : nullptr;
     if (owner == nullptr) return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
     if (Py_EnterRecursiveCall("")) return nullptr;
-    PyObject* result = run(owner, function->func_globals, function->func_builtins, arguments);
-    Py_LeaveRecursiveCall();
+    PyObject* result = run(thread, owner, function->func_globals, function->func_builtins, arguments);
+    --thread->recursion_depth;  // Py_LeaveRecursiveCall
     return result;
   }
 
@@ -110,15 +111,16 @@ class Function {
       PyErr_Format(PyExc_TypeError, "the shell of %s() is called by its function only", signature.name);
       return nullptr;
     }
-    return run(owner, globals, builtins, arguments);
+    return run(PyThreadState_Get(), owner, globals, builtins, arguments);
   }
 
-  static PyObject* run(PyObject* owner, PyObject* globals, PyObject* builtins, PyObject* const* arguments) noexcept {
+  static PyObject* run(PyThreadState* thread, PyObject* owner, PyObject* globals, PyObject* builtins,
+                       PyObject* const* arguments) noexcept {
     return [&]<std::size_t... i>(std::index_sequence<i...>) {
       // What a frame would own: the caller may let go of function and arguments while the body runs.
       const Object held[] = {borrow(owner), borrow(globals), borrow(builtins), borrow(arguments[i])...};
       return guarded(signature.name, globals, [&] {
-        return Definition::body(Scope<State>(owner, globals, builtins, signature.name), Handle(held[3 + i])...);
+        return Definition::body(Scope<State>(thread, owner, globals, builtins, signature.name), Handle(held[3 + i])...);
       });
     }(std::make_index_sequence<arity>());
   }

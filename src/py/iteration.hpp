@@ -10,65 +10,75 @@ namespace py {
 /// Lets signal handlers and other threads run now and then, as the interpreter's own loops do.
 class Turns {
  public:
-  void next(Where where) {
-    if (++count_ % between == 0) [[unlikely]]
+  PY_INLINE void next(Where where) {
+    if (--left_ == 0) [[unlikely]] {
+      left_ = between;
       pause(where);
+    }
   }
 
  private:
   static constexpr unsigned between = 4096;
-  static void pause(Where where) {
+  [[gnu::noinline]] static void pause(Where where) {
     check(PyErr_CheckSignals(), where);
     PyEval_RestoreThread(PyEval_SaveThread());
   }
-  unsigned count_ = 0;
+  unsigned left_ = between;
 };
+
+/// PyIter_Next for a loop: a new reference, or null at the end.
+[[gnu::noinline]] inline PyObject* next_of(Handle iterator, Where where) {
+  PyObject* member = PyIter_Next(iterator);
+  if (member == nullptr && PyErr_Occurred()) throw Error{where};
+  return member;
+}
 
 /// `for (const Object& member : each(iterable))`
 class each {
  public:
-  explicit each(Object iterable, Where where = Where::current()) : where_(where) {
-    exact_list_ = PyList_CheckExact(iterable.get());
-    source_ = exact_list_ ? std::move(iterable) : steal(PyObject_GetIter(iterable.get()), where);
-  }
-  explicit each(Handle iterable, Where where = Where::current()) : each(borrow(iterable), where) {}
+  PY_INLINE explicit each(Object iterable, Where where = Where::current())
+      : source_(PyList_CheckExact(iterable.get()) ? std::move(iterable)
+                                                  : steal(PyObject_GetIter(iterable.get()), where)),
+        where_(where) {}
+  PY_INLINE ~each() = default;
+  PY_INLINE explicit each(Handle iterable, Where where = Where::current()) : each(borrow(iterable), where) {}
 
   class iterator {
    public:
-    explicit iterator(each& loop) : loop_(loop), member_(loop.next()) {}
-    const Object& operator*() const noexcept { return member_; }  // lives until the next one is there
-    iterator& operator++() {
-      member_ = loop_.next();
+    PY_INLINE iterator(PyObject* source, Where where)
+        : source_(source), where_(where), exact_list_(PyList_CheckExact(source)), member_(next()) {}
+    PY_INLINE ~iterator() = default;
+    PY_INLINE const Object& operator*() const noexcept { return member_; }  // lives until the next one is there
+    PY_INLINE iterator& operator++() {
+      member_ = Object(next());
       return *this;
     }
-    bool operator==(std::default_sentinel_t) const noexcept { return loop_.done_; }
+    PY_INLINE bool operator==(std::default_sentinel_t) const noexcept { return !member_; }
 
    private:
-    each& loop_;
+    PY_INLINE PyObject* next() {
+      turns_.next(where_);
+      if (!exact_list_) return next_of(source_, where_);
+      // Its length is read afresh each time, as a list's own iterator does.
+      if (index_ >= PyList_GET_SIZE(source_)) return nullptr;
+      PyObject* member = PyList_GET_ITEM(source_, index_++);
+      Py_INCREF(member);
+      return member;
+    }
+
+    PyObject* source_;
+    Where where_;
+    bool exact_list_;
+    Turns turns_;
+    Py_ssize_t index_ = 0;
     Object member_;
   };
-  iterator begin() { return iterator(*this); }
-  std::default_sentinel_t end() const noexcept { return {}; }
+  PY_INLINE iterator begin() const { return iterator(source_.get(), where_); }
+  PY_INLINE std::default_sentinel_t end() const noexcept { return {}; }
 
  private:
-  Object next() {
-    turns_.next(where_);
-    if (exact_list_) {  // its length is read afresh each time, as a list's own iterator does
-      if (index_ < PyList_GET_SIZE(source_.get())) return borrow(PyList_GET_ITEM(source_.get(), index_++));
-    } else {
-      if (PyObject* member = PyIter_Next(source_.get())) return Object(member);
-      if (PyErr_Occurred()) throw Error{where_};
-    }
-    done_ = true;
-    return Object();
-  }
-
-  Object source_;
-  Where where_;
-  Turns turns_;
-  Py_ssize_t index_ = 0;
-  bool exact_list_ = false;
-  bool done_ = false;
+  const Object source_;
+  const Where where_;
 };
 
 /// Exactly `count` members of an iterable, with the interpreter's own words where there are more or fewer.
@@ -103,72 +113,84 @@ std::array<Object, count> unpack(Handle iterable, Where where = Where::current()
 /// `for (const auto& [key, value] : items(mapping, name_of_items))`
 class items {
  public:
-  items(Handle mapping, Handle items_name, Where where = Where::current()) : where_(where) {
-    exact_dict_ = PyDict_CheckExact(mapping);
-    if (exact_dict_) {
-      source_ = borrow(mapping);
-      size_ = left_ = PyDict_GET_SIZE(mapping);
-    } else {
-      source_ = steal(PyObject_GetIter(method(mapping, items_name, where)(where).get()), where);
-    }
-  }
+  PY_INLINE items(Handle mapping, Handle items_name, Where where = Where::current())
+      : source_(PyDict_CheckExact(mapping)
+                    ? borrow(mapping)
+                    : steal(PyObject_GetIter(method(mapping, items_name, where)(where).get()), where)),
+        where_(where) {}
+  PY_INLINE ~items() = default;
 
   struct Item {
     Object key, value;
+    PY_INLINE ~Item() = default;
   };
 
   class iterator {
    public:
-    explicit iterator(items& loop) : loop_(loop) { ++*this; }
-    const Item& operator*() const noexcept { return item_; }
-    iterator& operator++() {
-      Item next;
-      loop_.next(next);
-      item_ = std::move(next);
+    PY_INLINE iterator(PyObject* source, Where where)
+        : source_(source),
+          where_(where),
+          exact_dict_(PyDict_CheckExact(source)),
+          size_(exact_dict_ ? PyDict_GET_SIZE(source) : 0),
+          left_(size_) {
+      next(item_);
+    }
+    PY_INLINE ~iterator() = default;
+    PY_INLINE const Item& operator*() const noexcept { return item_; }
+    PY_INLINE iterator& operator++() {
+      const Item old{std::move(item_.key), std::move(item_.value)};  // dies when the next one is there
+      next(item_);
       return *this;
     }
-    bool operator==(std::default_sentinel_t) const noexcept { return loop_.done_; }
+    PY_INLINE bool operator==(std::default_sentinel_t) const noexcept { return !item_.key; }
 
    private:
-    items& loop_;
+    PY_INLINE void next(Item& item) {
+      turns_.next(where_);
+      if (exact_dict_) return next_of_dict(item);
+      PyObject* pair[2];
+      if (!next_pair(source_, pair, where_)) return;
+      item.key = Object(pair[0]);
+      item.value = Object(pair[1]);
+    }
+
+    PY_INLINE void next_of_dict(Item& item) {  // with the checks of the dict's own iterator
+      if (PyDict_GET_SIZE(source_) != size_) [[unlikely]]
+        raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
+      PyObject *key = nullptr, *value = nullptr;
+      Py_ssize_t position = position_;  // so that the loop's own can stay in a register
+      if (!_PyDict_Next(source_, &position, &key, &value, nullptr)) return;
+      position_ = position;
+      if (left_-- == 0) [[unlikely]]
+        raise(PyExc_RuntimeError, "dictionary keys changed during iteration", where_);
+      item.key = borrow(key);
+      item.value = borrow(value);
+    }
+
+    PyObject* source_;
+    Where where_;
+    bool exact_dict_;
+    Turns turns_;
+    Py_ssize_t size_, left_;
+    Py_ssize_t position_ = 0;
     Item item_;
   };
-  iterator begin() { return iterator(*this); }
-  std::default_sentinel_t end() const noexcept { return {}; }
+  PY_INLINE iterator begin() const { return iterator(source_.get(), where_); }
+  PY_INLINE std::default_sentinel_t end() const noexcept { return {}; }
 
  private:
-  void next(Item& item) {
-    turns_.next(where_);
-    if (exact_dict_) {
-      next_of_dict(item);
-    } else if (const Object pair{PyIter_Next(source_.get())}) {
-      auto [key, value] = unpack<2>(pair, where_);
-      item = {std::move(key), std::move(value)};
-    } else {
-      if (PyErr_Occurred()) throw Error{where_};
-      done_ = true;
-    }
+  /// Writes two new references, or says that there are no more.
+  [[gnu::noinline]] static bool next_pair(Handle iterator, PyObject* (&pair)[2], Where where) {
+    const Object next(next_of(iterator, where));
+    if (!next) return false;
+    auto [key, value] = unpack<2>(next, where);
+    pair[0] = key.release();
+    pair[1] = value.release();
+    return true;
   }
 
-  void next_of_dict(Item& item) {  // with the checks of the dict's own iterator
-    if (PyDict_GET_SIZE(source_.get()) != size_)
-      raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
-    PyObject *key = nullptr, *value = nullptr;
-    if (!PyDict_Next(source_.get(), &position_, &key, &value)) {
-      done_ = true;
-    } else if (left_-- == 0) {
-      raise(PyExc_RuntimeError, "dictionary keys changed during iteration", where_);
-    } else {
-      item = {borrow(key), borrow(value)};
-    }
-  }
-
-  Object source_;
-  Where where_;
-  Turns turns_;
-  Py_ssize_t position_ = 0, size_ = 0, left_ = 0;
-  bool exact_dict_ = false;
-  bool done_ = false;
+  const Object source_;
+  const Where where_;
 };
 
 }  // namespace py

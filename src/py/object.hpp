@@ -6,6 +6,9 @@
 #include <source_location>
 #include <utility>
 
+/// What is small and called from everywhere: the compiler's own measure leaves even a destructor out of line.
+#define PY_INLINE [[gnu::always_inline]] inline
+
 namespace py {
 
 /// A place in the source; as a default argument it is the place of the call, so a failing step knows its line.
@@ -40,16 +43,22 @@ class Object {
  public:
   Object() noexcept = default;
   explicit Object(PyObject* owned) noexcept : object_(owned) {}
-  Object(const Object& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
-  Object(Object&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  Object& operator=(Object other) noexcept {  // by value: the old object dies after the new one is in place
-    std::swap(object_, other.object_);
+  PY_INLINE Object(const Object& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
+  PY_INLINE Object(Object&& other) noexcept : object_(other.release()) {}
+  PY_INLINE Object& operator=(Object other) noexcept {
+    PyObject* old = object_;
+    object_ = other.release();
+    Py_XDECREF(old);  // last: what dies may look here
     return *this;
   }
-  ~Object() { Py_XDECREF(object_); }
+  PY_INLINE ~Object() { Py_XDECREF(object_); }
 
   PyObject* get() const noexcept { return object_; }
-  PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+  PY_INLINE PyObject* release() noexcept {
+    PyObject* object = object_;
+    object_ = nullptr;
+    return object;
+  }
   explicit operator bool() const noexcept { return object_ != nullptr; }
 
  private:
@@ -59,20 +68,20 @@ class Object {
 inline Handle::Handle(const Object& object) noexcept : object_(object.get()) {}
 
 /// Takes over a new reference; null means that the call failed.
-inline Object steal(PyObject* owned, Where where = Where::current()) {
+PY_INLINE Object steal(PyObject* owned, Where where = Where::current()) {
   if (owned == nullptr) [[unlikely]]
     throw Error{where};
   return Object(owned);
 }
 
-inline Object borrow(Handle object) noexcept {
+PY_INLINE Object borrow(Handle object) noexcept {
   Py_INCREF(static_cast<PyObject*>(object));
   return Object(object);
 }
 
 /// Passes the answer of a call on that reports failure by a negative number.
 template <class Answer>
-Answer check(Answer answer, Where where = Where::current()) {
+PY_INLINE Answer check(Answer answer, Where where = Where::current()) {
   if (answer < 0) [[unlikely]]
     throw Error{where};
   return answer;

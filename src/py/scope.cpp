@@ -14,6 +14,22 @@ void raise_from(Handle cause, PyObject* exception_type, const char* message, Whe
   throw Error{where};
 }
 
+PyObject* Global::look_up(const Namespace& names, Where where) {
+  const bool exact = PyDict_CheckExact(names.globals) && PyDict_CheckExact(names.builtins);
+  const auto in = [&](Handle dict) { return exact ? find(dict, name_, where) : subscript(dict, where); };
+  const std::uint64_t versions[] = {*names.versions[0], *names.versions[1]};
+  Object value = in(names.globals);
+  if (!value) value = in(names.builtins);
+  if (!value) fail(where);
+  // Comparing keys can run code that changes a dict: what was read then may not be what it holds now.
+  if (exact && versions[0] == *names.versions[0] && versions[1] == *names.versions[1]) {
+    versions_[0] = versions[0];
+    versions_[1] = versions[1];
+    value_ = value.get();
+  }
+  return value.release();
+}
+
 Object Global::subscript(Handle mapping, Where where) const {
   PyObject* value = PyObject_GetItem(mapping, name_.get());
   if (value == nullptr) {

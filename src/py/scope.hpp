@@ -1,51 +1,47 @@
 // A running function's surroundings: the module's state, the namespace where names are looked up, the traceback.
 #pragma once
 
-#include <cstdint>
+#include <new>
 
 #include "operations.hpp"
 
 namespace py {
 
+/// Where a function looks names up.
+struct Namespace {
+  Namespace(Handle globals, Handle builtins) noexcept : globals(globals), builtins(builtins) {}
+
+  const Handle globals, builtins;
+  /// Of the two dicts; no two states of any dicts ever share one. What is no exact dict has none that lasts.
+  const std::uint64_t* const versions[2] = {version_of(globals), version_of(builtins)};
+
+ private:
+  static constexpr std::uint64_t none = ~std::uint64_t{0};
+  static const std::uint64_t* version_of(Handle mapping) noexcept {
+    return PyDict_CheckExact(mapping) ? &static_cast<PyDictObject*>(mapping)->ma_version_tag : &none;
+  }
+};
+
 /// A module-level name, looked up at each use. The last answer is kept for as long as neither dict has changed, which
-/// their version tags tell (no two states of any dicts share one), so it needs no reference of its own.
+/// their version tags tell, so it needs no reference of its own.
 class Global {
  public:
   Global(const char* name, Where where = Where::current()) : name_(name, where) {}
 
-  /// As LOAD_GLOBAL: `globals`, then `builtins`, then NameError.
-  Object load(Handle globals, Handle builtins, Where where) {
-    if (PyDict_CheckExact(globals) && PyDict_CheckExact(builtins)) [[likely]] {
-      const std::uint64_t versions[] = {version(globals), version(builtins)};
-      if (versions[0] != versions_[0] || versions[1] != versions_[1]) {
-        Object value = find(globals, name_, where);
-        if (!value) value = find(builtins, name_, where);
-        if (!value) fail(where);
-        // Comparing keys can run code that changes a dict: what was read then may not be what it holds now.
-        if (versions[0] == version(globals) && versions[1] == version(builtins)) {
-          versions_[0] = versions[0];
-          versions_[1] = versions[1];
-          value_ = value.get();
-        }
-        return value;
-      }
+  /// As LOAD_GLOBAL: the globals, then the builtins, then NameError.
+  PY_INLINE Object load(const Namespace& names, Where where) {
+    if (*names.versions[0] == versions_[0] && *names.versions[1] == versions_[1]) [[likely]]
       return borrow(value_);
-    }
-    Object value = subscript(globals, where);
-    if (!value) value = subscript(builtins, where);
-    if (!value) fail(where);
-    return value;
+    return Object(look_up(names, where));
   }
 
  private:
-  static std::uint64_t version(Handle dict) noexcept {
-    return reinterpret_cast<PyDictObject*>(static_cast<PyObject*>(dict))->ma_version_tag;
-  }
+  [[gnu::noinline]] PyObject* look_up(const Namespace& names, Where where);
   Object subscript(Handle mapping, Where where) const;
   [[noreturn]] void fail(Where where) const;
 
   Name name_;
-  std::uint64_t versions_[2] = {0, 0};
+  std::uint64_t versions_[2] = {0, 0};  // which no dict has
   PyObject* value_ = nullptr;
 };
 
@@ -96,8 +92,10 @@ PyObject* guarded(const char* function, PyObject* globals, Body body) noexcept {
     return body().release();
   } catch (Error& error) {
     add_traceback(error, function, globals);
-    return nullptr;
+  } catch (std::bad_alloc&) {
+    PyErr_NoMemory();
   }
+  return nullptr;
 }
 
 /// A frame of `function` on the stack, for a callee that looks at its caller, as a logger does.
@@ -116,16 +114,23 @@ class Frame {
 template <class State>
 class Scope {
  public:
-  Scope(Handle owner, Handle globals, Handle builtins, const char* function) noexcept
-      : owner(owner), globals(globals), builtins(builtins), function(function) {}
+  Scope(PyThreadState* thread, Handle owner, Handle globals, Handle builtins, const char* function) noexcept
+      : thread(thread), owner(owner), names(globals, builtins), function(function) {}
 
   State* operator->() const noexcept { return &state_of<State>(owner); }
 
-  Object load(Global& name, Where where = Where::current()) const { return name.load(globals, builtins, where); }
-  Callee callee(Global& name, Where where = Where::current()) const { return Callee(load(name, where)); }
+  PY_INLINE Object load(Global& name, Where where = Where::current()) const { return name.load(names, where); }
+  PY_INLINE Callee callee(Global& name, Where where = Where::current()) const {
+    return Callee(load(name, where), thread);
+  }
+  template <class Reference>
+  PY_INLINE Callee method(Reference&& object, Handle name, Where where = Where::current()) const {
+    return py::method(std::forward<Reference>(object), name, where, thread);
+  }
 
+  PyThreadState* const thread;
   const Handle owner;  // the state's object
-  const Handle globals, builtins;
+  const Namespace names;
   const char* const function;
 };
 

@@ -3,16 +3,21 @@
 namespace py {
 namespace {
 
-Object special_method(Handle object, Handle name, Where where) {
-  PyTypeObject* type = Py_TYPE(object);
+/// Found on the type; a plain function is called with `object` in front, without a bound method in between.
+Callee special_method(const Object& object, Handle name, Where where) {
+  PyTypeObject* type = Py_TYPE(object.get());
   PyObject* found = _PyType_Lookup(type, name);
   if (found == nullptr) {
     PyErr_SetObject(PyExc_AttributeError, name);
     throw Error{where};
   }
-  const Object method = borrow(found);
-  const descrgetfunc get = Py_TYPE(found)->tp_descr_get;
-  return get ? steal(get(found, object, reinterpret_cast<PyObject*>(type)), where) : method;
+  PyThreadState* thread = PyThreadState_Get();
+  Object method = borrow(found);
+  if (PyType_HasFeature(Py_TYPE(found), Py_TPFLAGS_METHOD_DESCRIPTOR))
+    return Callee(std::move(method), thread, object, object);
+  if (const descrgetfunc get = Py_TYPE(found)->tp_descr_get)
+    method = steal(get(found, object.get(), reinterpret_cast<PyObject*>(type)), where);
+  return Callee(std::move(method), thread);
 }
 
 /// Makes an exception the one being handled, as an except clause does, for as long as this lives.
@@ -38,9 +43,9 @@ class Handling {
 
 }  // namespace
 
-Exit::Exit(Handle manager, Handle enter_name, Handle exit_name, Where where) : where_(where) {
-  const Callee enter(special_method(manager, enter_name, where));
-  exit_ = Callee(special_method(manager, exit_name, where));
+Exit::Exit(const Object& manager, Handle enter_name, Handle exit_name, Where where) : where_(where) {
+  const Callee enter = special_method(manager, enter_name, where);
+  exit_ = special_method(manager, exit_name, where);
   enter(where);
 }
 

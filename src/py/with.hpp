@@ -11,7 +11,7 @@ namespace py {
 class Exit {
  public:
   /// Finds `__enter__` and `__exit__` on the type of `manager`, then enters it.
-  Exit(Handle manager, Handle enter_name, Handle exit_name, Where where);
+  Exit(const Object& manager, Handle enter_name, Handle exit_name, Where where);
   void normal() const;
   /// Hands over the exception that is set; gives it back if it was swallowed, else it is set again.
   Object exceptional() const;
@@ -30,7 +30,7 @@ Object with(const Scope<State>& scope, Object manager, Body body, Where where = 
   try {
     body();
   } catch (Error& error) {
-    add_traceback(error, scope.function, scope.globals);
+    add_traceback(error, scope.function, scope.names.globals);
     failure = error;
   }
   if (!failure) {

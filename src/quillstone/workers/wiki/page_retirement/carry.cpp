@@ -8,9 +8,9 @@ namespace {
 class PairMaker {
  public:
   static Object make(const Scope& m, Handle self, Handle rows) {
-    const Object captured = py::steal(PyTuple_Pack(5, static_cast<PyObject*>(m.owner), static_cast<PyObject*>(self),
-                                                   static_cast<PyObject*>(rows), static_cast<PyObject*>(m.globals),
-                                                   static_cast<PyObject*>(m.builtins)));
+    const Object captured = py::steal(
+        PyTuple_Pack(5, static_cast<PyObject*>(m.owner), static_cast<PyObject*>(self), static_cast<PyObject*>(rows),
+                     static_cast<PyObject*>(m.names.globals), static_cast<PyObject*>(m.names.builtins)));
     return py::steal(PyCFunction_New(&definition, captured.get()));
   }
 
@@ -18,14 +18,14 @@ class PairMaker {
   static PyObject* call(PyObject* captured, PyObject* page_id) noexcept {
     const Object held[] = {py::borrow(captured), py::borrow(page_id)};
     const auto part = [captured](Py_ssize_t i) { return Handle(PyTuple_GET_ITEM(captured, i)); };
-    const Scope m(part(0), part(3), part(4), "<genexpr>");
-    return py::guarded(m.function, m.globals, [&] { return pair(m, part(1), part(2), page_id); });
+    const Scope m(PyThreadState_Get(), part(0), part(3), part(4), "<genexpr>");
+    return py::guarded(m.function, m.names.globals, [&] { return pair(m, part(1), part(2), page_id); });
   }
 
   static Object pair(const Scope& m, Handle self, Handle rows, Handle page_id) {
     const Object title = field_or(m, py::item(rows, page_id), m->title, page_id);
     const Callee page_prose = m.callee(m->page_prose);
-    const Object text = py::method(self, m->_page_text)(page_id);
+    const Object text = m.method(self, m->_page_text)(page_id);
     const Object prose = page_prose(text, py::item(rows, page_id));
     return py::steal(PyTuple_Pack(2, title.get(), prose.get()));
   }
@@ -79,8 +79,8 @@ struct CarryIntoSuccessors {
     for (const auto& [new_id, old_id] : items(remap, m->items)) {
       if (!rows.has(old_id)) continue;
       if (rows.has(new_id)) {
-        const Object predecessors = py::method(merged, m->setdefault)(new_id, List());
-        py::method(predecessors, m->insert)(m->zero, old_id);
+        const Object predecessors = m.method(merged, m->setdefault)(new_id, List());
+        m.method(predecessors, m->insert)(m->zero, old_id);
       } else {
         seeds.set(new_id, old_id);
       }
@@ -101,7 +101,8 @@ struct CarryIntoSuccessors {
   /// Draws every predecessor's prose, so all of it is read before the first successor is written.
   static Dict carried_sections(const Scope& m, Handle self, const Dict& rows, const Dict& carried) {
     const Object pair = PairMaker::make(m, self, rows);
-    const Callee generator(py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.globals, m->pairs_name.get())));
+    const Callee generator(
+        py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.names.globals, m->pairs_name.get())));
     Dict sections;
     for (const auto& [new_id, pages] : items(carried, m->items)) {
       const Callee collaborator = m.callee(m->carried_sections);
@@ -121,11 +122,11 @@ struct CarryIntoSuccessors {
   }
 
   static void write_page(const Scope& m, Handle self, Handle new_id, Handle base_id, Handle row, Handle blocks) {
-    Object base = py::method(self, m->_page_text)(base_id);
+    Object base = m.method(self, m->_page_text)(base_id);
     const Callee with_carried = m.callee(m->with_carried);
     if (base.get() == Py_None) base = m.callee(m->cached_prose)(row);
     const Object text = with_carried(base, blocks);
-    if (!py::truth(py::method(text, m->strip)())) return;
+    if (!py::truth(m.method(text, m->strip)())) return;
     const Callee atomic_write = m.callee(m->_atomic_write);
     atomic_write(page_file(m, self, new_id), text);
   }
@@ -151,8 +152,8 @@ struct PageText {
 
   static Object body(const Scope& m, Handle self, Handle page_id) {
     const Object file = page_file(m, self, page_id);
-    if (!py::truth(py::method(file, m->is_file)())) return py::none();
-    return py::method(file, m->read_text)(m->utf_8);
+    if (!py::truth(m.method(file, m->is_file)())) return py::none();
+    return m.method(file, m->read_text)(m->utf_8);
   }
 };
 

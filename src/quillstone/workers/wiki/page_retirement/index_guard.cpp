@@ -1,4 +1,6 @@
 // Judged sources, indexed paths, and the guard for pages that only an index behind the tree hides.
+#include <vector>
+
 #include "names.hpp"
 
 namespace page_retirement {
@@ -18,18 +20,37 @@ struct JudgedSources {
     )"};
 
   static Object body(const Scope& m, Handle page, Handle existing) {
-    List own;
-    add_sources(m, own, page);
-    if (!own.empty()) return own;
-    List children;
-    for (const Object& child : each(list_field(m, page, m->related_pages)))
-      if (py::contains(existing, child)) children.append(child);
-    List family;
-    for (const Object& child : each(children)) add_sources(m, family, py::item(existing, child));
-    return family;
+    List sources;
+    add_sources(m, sources, page);
+    if (!sources.empty()) return sources;
+    const std::uint64_t version = PyDict_CheckExact(existing) ? py::version(existing) : 0;
+    for (const Child& child : stored_children(m, page, existing)) {
+      const bool known = child.row != nullptr && py::version(existing) == version;
+      add_sources(m, sources, known ? py::borrow(child.row) : py::item(existing, child.id));
+    }
+    return sources;
   }
 
-  static void add_sources(const Scope& m, List& sources, Handle page) {
+  struct Child {
+    Object id;
+    PyObject* row;  // borrowed, good for as long as the version of `existing` stands; null where it is no exact dict
+  };
+
+  static std::vector<Child> stored_children(const Scope& m, Handle page, Handle existing) {
+    const Object related = list_field(m, page, m->related_pages);
+    std::vector<Child> children;
+    if (PyList_CheckExact(related.get())) children.reserve(PyList_GET_SIZE(related.get()));
+    for (const Object& id : each(related)) {
+      if (!PyDict_CheckExact(existing)) {
+        if (py::contains(existing, id)) children.push_back({id, nullptr});
+      } else if (PyObject* row = py::peek(existing, id)) {
+        children.push_back({id, row});
+      }
+    }
+    return children;
+  }
+
+  PY_INLINE static void add_sources(const Scope& m, List& sources, Handle page) {
     for (const Object& path : each(list_field(m, page, m->source_files))) sources.append(m.callee(m->_norm)(path));
   }
 };
@@ -47,7 +68,7 @@ struct IndexedPaths {
         )"};
 
   static Object body(const Scope& m, Handle self) {
-    const Callee list_files = py::method(py::attr(self, m->repository), m->list_indexed_files);
+    const Callee list_files = m.method(py::attr(self, m->repository), m->list_indexed_files);
     const Object listed = list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million);
     const auto [files, more, limit, total] = unpack<4>(listed);
     Set indexed;
@@ -81,7 +102,7 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     Py_ssize_t on_disk = 0;
     for (const Object& source : each(sources)) {
       const Object file = py::join(py::attr(self, m->repo_root), source);
-      if (py::truth(py::method(file, m->exists)())) ++on_disk;
+      if (py::truth(m.method(file, m->exists)())) ++on_disk;
     }
     if (on_disk == 0) return py::borrow(Py_False);
     warn(m,
@@ -93,8 +114,20 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
 
   /// `set(sources) & indexed` is not empty
   static bool any_indexed(Handle sources, Handle indexed) {
+    if (PyList_CheckExact(sources) && PySet_CheckExact(indexed) && all_strings(sources)) {
+      for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(sources)); ++i)
+        if (py::contains(indexed, py::borrow(PyList_GET_ITEM(static_cast<PyObject*>(sources), i)))) return true;
+      return false;
+    }
     const Set distinct(sources);
     return py::truth(py::steal(PyNumber_And(distinct.get(), indexed)));
+  }
+
+  /// What no code of anybody's runs for when it is hashed and compared, so the first hit decides.
+  static bool all_strings(Handle list) {
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(list)); ++i)
+      if (!PyUnicode_CheckExact(PyList_GET_ITEM(static_cast<PyObject*>(list), i))) return false;
+    return true;
   }
 };
 

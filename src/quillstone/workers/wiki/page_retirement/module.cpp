@@ -76,7 +76,7 @@ class Body {
 
  private:
   Object load(const char* name, py::Where where = py::Where::current()) {
-    return py::Global(name, where).load(globals_, PyEval_GetBuiltins(), where);
+    return py::Global(name, where).load({globals_, PyEval_GetBuiltins()}, where);
   }
 
   void bind(const char* name, Handle value, py::Where where = py::Where::current()) {

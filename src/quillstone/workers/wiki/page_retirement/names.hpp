@@ -133,29 +133,29 @@ struct State {
 /// The surroundings of a running function, `m` throughout: `m->name` is a name, `m.load(m->name)` what it names.
 using Scope = py::Scope<State>;
 
+/// `row.get(field)` of anything but a plain dict: a new reference
+[[gnu::noinline]] inline PyObject* call_get(const Scope& m, Handle row, Handle name, py::Where where) {
+  return m.method(row, m->get, where)({name, where}).release();
+}
+
 /// `row.get(field)`
-inline Object field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
-  if (!PyDict_CheckExact(row)) return py::method(row, m->get, where)({name, where});
-  Object value = py::find(row, name, where);
-  return value ? value : py::none();
+PY_INLINE Object field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
+  if (!PyDict_CheckExact(row)) return Object(call_get(m, row, name, where));
+  PyObject* value = py::peek(row, name, where);
+  return py::borrow(value != nullptr ? value : Py_None);
 }
 
 /// `row.get(field) or default`
-inline Object field_or(const Scope& m, Handle row, Handle name, Handle otherwise,
-                       py::Where where = py::Where::current()) {
+PY_INLINE Object field_or(const Scope& m, Handle row, Handle name, Handle otherwise,
+                          py::Where where = py::Where::current()) {
   Object value = field(m, row, name, where);
   return py::truth(value, where) ? value : py::borrow(otherwise);
 }
 
 /// `row.get(field) or []`
-inline Object list_field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
+PY_INLINE Object list_field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
   Object value = field(m, row, name, where);
   return py::truth(value, where) ? value : List(where);
-}
-
-/// `f"{id}.md"`
-inline Object md_name(const Scope& m, Handle id, py::Where where = py::Where::current()) {
-  return py::concat(py::formatted(id, where), m->dot_md, where);
 }
 
 /// The text of a warning, and the place where it is given.
@@ -168,21 +168,21 @@ struct Message {
 /// `logger.warning(message, *arguments)`
 template <class... Arguments>
 void warn(const Scope& m, Message message, const Arguments&... arguments) {
-  const Callee warning = py::method(m.load(m->logger, message.where), m->warning, message.where);
+  const Callee warning = m.method(m.load(m->logger, message.where), m->warning, message.where);
   const Object text = py::string(message.text, message.where);
-  const py::Frame frame(m.function, m.globals, message.where);
+  const py::Frame frame(m.function, m.names.globals, message.where);
   warning({text, message.where}, arguments...);
 }
 
 /// `self.pages_dir / f"{id}.md"`
 inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where = py::Where::current()) {
   const Object pages_dir = py::attr(self, m->pages_dir, where);
-  return py::join(pages_dir, md_name(m, id, where), where);
+  return py::join(pages_dir, py::concat({py::formatted(id, where), m->dot_md}, where), where);
 }
 
 /// `{row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}`
 inline Dict stored_rows(const Scope& m, Handle self, py::Where where = py::Where::current()) {
-  const Callee get_wiki_pages = py::method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
+  const Callee get_wiki_pages = m.method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
   Dict rows(where);
   for (const Object& row : each(get_wiki_pages({py::attr(self, m->branch, where), where}), where))
     rows.set(py::item(row, m->page_id, where), row, where);

@@ -20,7 +20,7 @@ struct ApplyReplanToStore {
 
   static Object body(const Scope& m, Handle self, Handle remap, Handle plan_ids) {
     const Dict existing = stored_rows(m, self);
-    return py::method(self, m->_prune_retired_pages)(existing, plan_ids, remap);
+    return m.method(self, m->_prune_retired_pages)(existing, plan_ids, remap);
   }
 };
 
@@ -44,11 +44,11 @@ struct PruneRetiredPages {
       .last_is_optional = true};
 
   static Object body(const Scope& m, Handle self, Handle existing, Handle plan_ids, Handle remap) {
-    const Object deletes = py::method(self, m->_retired_page_ids)(existing, plan_ids);
-    const Callee carry = py::method(self, m->_carry_into_successors);
+    const Object deletes = m.method(self, m->_retired_page_ids)(existing, plan_ids);
+    const Callee carry = m.method(self, m->_carry_into_successors);
     const Object successors = carry(remap == Py_None ? Dict() : py::borrow(remap), deletes);
     List deleted;
-    Object transaction = py::method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
+    Object transaction = m.method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
     const Object swallowed = py::with(m, std::move(transaction), [&] {
       upsert(m, self, successors);
       delete_rows(m, self, deletes, deleted);
@@ -64,7 +64,7 @@ struct PruneRetiredPages {
   static void upsert(const Scope& m, Handle self, Handle successors) {
     for (const auto& [new_id, successor] : items(successors, m->items)) {
       const auto [row, files, carried] = unpack<3>(successor);
-      py::method(self, m->_upsert_successor)(new_id, row, files, carried);
+      m.method(self, m->_upsert_successor)(new_id, row, files, carried);
     }
   }
 
@@ -72,7 +72,7 @@ struct PruneRetiredPages {
     List ids(deletes);
     ids.sort();
     for (const Object& page_id : each(ids)) {
-      const Callee delete_row = py::method(py::attr(self, m->repository), m->delete_wiki_page);
+      const Callee delete_row = m.method(py::attr(self, m->repository), m->delete_wiki_page);
       if (py::truth(delete_row(py::attr(self, m->branch), page_id))) deleted.append(page_id);
     }
   }
@@ -80,9 +80,9 @@ struct PruneRetiredPages {
   /// Only after the commit; a file that resists is no reason to keep the others.
   static void remove_files(const Scope& m, Handle self, const List& deleted) {
     for (const Object& page_id : each(deleted)) {
-      Object suppress = py::method(m.load(m->contextlib), m->suppress)(PyExc_OSError);
+      Object suppress = m.method(m.load(m->contextlib), m->suppress)(PyExc_OSError);
       py::with(m, std::move(suppress),
-               [&] { py::method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });
+               [&] { m.method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });
     }
   }
 };

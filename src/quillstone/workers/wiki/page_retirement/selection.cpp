@@ -15,7 +15,7 @@ struct RetiredPageIds {
         ``_notes_whose_file_is_gone``).)"};
 
   static Object body(const Scope& m, Handle self, Handle existing, Handle plan_ids) {
-    const Object indexed = py::method(self, m->_indexed_paths)();
+    const Object indexed = m.method(self, m->_indexed_paths)();
     if (!py::truth(indexed)) {
       warn(m, "wiki prune skipped: the index is empty, so the plan is not authoritative (index the repo first)");
       return Set();
@@ -24,10 +24,10 @@ struct RetiredPageIds {
     for (const auto& [page_id, page] : items(existing, m->items)) {
       const Object level = field_or(m, page, m->level, m->module);
       if (!py::unequal(level, m.load(m->NOTE_LEVEL)) || py::contains(plan_ids, page_id)) continue;
-      const Callee index_is_behind = py::method(self, m->_retired_only_because_the_index_is_behind);
+      const Callee index_is_behind = m.method(self, m->_retired_only_because_the_index_is_behind);
       if (!py::truth(index_is_behind(page_id, page, indexed, existing))) retired.add(page_id);
     }
-    const Object notes = py::method(self, m->_notes_whose_file_is_gone)(existing);
+    const Object notes = m.method(self, m->_notes_whose_file_is_gone)(existing);
     return py::steal(PyNumber_Or(retired.get(), notes.get()));
   }
 };
@@ -53,21 +53,21 @@ struct NotesWhoseFileIsGone {
       const Object level = field(m, page, m->level);
       if (!py::equal(level, m.load(m->NOTE_LEVEL))) continue;
       const Object note_file = py::join(wiki_dir, relative_path(m, page_id, page));
-      if (!py::truth(py::method(note_file, m->is_file)())) gone.add(page_id);
+      if (!py::truth(m.method(note_file, m->is_file)())) gone.add(page_id);
     }
     return gone;
   }
 
   static bool holds_notes(const Scope& m, Handle notes_dir) {
-    if (!py::truth(py::method(notes_dir, m->is_dir)())) return false;
-    for ([[maybe_unused]] const Object& entry : each(py::method(notes_dir, m->glob)(m->any_md))) return true;
+    if (!py::truth(m.method(notes_dir, m->is_dir)())) return false;
+    for ([[maybe_unused]] const Object& entry : each(m.method(notes_dir, m->glob)(m->any_md))) return true;
     return false;
   }
 
   static Object relative_path(const Scope& m, Handle page_id, Handle page) {
     Object path = field(m, page, m->rel_path);
     if (py::truth(path)) return path;
-    return py::concat(m->notes_slash, md_name(m, page_id));
+    return py::concat({m->notes_slash, py::formatted(page_id), m->dot_md});
   }
 };
 

@@ -18,7 +18,7 @@ struct UpsertSuccessor {
 
   static Object body(const Scope& m, Handle self, Handle new_id, Handle row, Handle files, Handle carried) {
     const Object cache = build_cache(m, row, carried);
-    const Callee upsert = py::method(py::attr(self, m->repository), m->upsert_wiki_page);
+    const Callee upsert = m.method(py::attr(self, m->repository), m->upsert_wiki_page);
     // Named one by one, since the order in which arguments are evaluated is not the language's.
     const Object branch = py::attr(self, m->branch);
     const Object title = field_or(m, row, m->title, new_id);
@@ -26,7 +26,7 @@ struct UpsertSuccessor {
     const Object importance = field_or(m, row, m->importance, m->medium);
     const Object level = field_or(m, row, m->level, m->module);
     const Object parent_section = field(m, row, m->parent_section);
-    const Object rel_path = py::concat(m->pages_slash, md_name(m, new_id));
+    const Object rel_path = py::concat({m->pages_slash, py::formatted(new_id), m->dot_md});
     const Dict source_hashes;
     const Object symbols = list_field(m, row, m->symbols);
     const Object related_pages = list_field(m, row, m->related_pages);
@@ -34,7 +34,7 @@ struct UpsertSuccessor {
     const Object content_hash = field_or(m, row, m->content_hash, m->empty);
     const Object model = field_or(m, row, m->model, m->agent_session);
     const Object summary = field_or(m, row, m->summary, m->empty);
-    const Callee dumps = py::method(m.load(m->json), m->dumps);
+    const Callee dumps = m.method(m.load(m->json), m->dumps);
     const Object cache_text = dumps.with_keywords(m->dumps_keywords, cache, Py_False);
     const Object page_type = field_or(m, row, m->page_type, m->empty);
     upsert.with_keywords(m->upsert_keywords, branch, new_id, title, description, importance, level, parent_section,
@@ -45,15 +45,24 @@ struct UpsertSuccessor {
 
   static Object build_cache(const Scope& m, Handle row, Handle carried) {
     const Object stored = field(m, row, m->build_cache);
-    const bool is_dict = py::check(PyObject_IsInstance(stored.get(), reinterpret_cast<PyObject*>(&PyDict_Type))) != 0;
-    Object cache =
-        is_dict ? py::steal(PyObject_CallOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), stored.get())) : Dict();
+    Object cache = copy_if_dict(stored);
     if (py::truth(carried)) {
       const Callee with_carried = m.callee(m->with_carried);
       const Object prose = with_carried(m.callee(m->cached_prose)(row), carried);
       py::check(PyDict_SetItem(cache.get(), m->prose.get(), prose.get()));
     }
     return cache;
+  }
+
+  /// `dict(stored) if isinstance(stored, dict) else {}`
+  static Object copy_if_dict(Handle stored) {
+    const auto dict_type = reinterpret_cast<PyObject*>(&PyDict_Type);
+    const bool exact = PyDict_CheckExact(stored);
+    if (!exact && py::check(PyObject_IsInstance(stored, dict_type)))
+      return py::steal(PyObject_CallOneArg(dict_type, stored));
+    Dict copy;
+    if (exact) py::check(PyDict_Update(copy.get(), stored));
+    return copy;
   }
 };
 

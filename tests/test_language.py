@@ -2,7 +2,9 @@
 
 import functools
 import gc
+import io
 import itertools
+import json
 import operator
 import signal
 import subprocess
@@ -100,6 +102,36 @@ def test_what_exit_makes_of_an_exception():
     assert caught.value.__cause__ is first
 
 
+def test_an_exit_of_another_type_is_refused_before_anything_is_done():
+    deleted = []
+    host = simple(delete_wiki_page=lambda branch, page_id: deleted.append(page_id))
+    for wrong in (io.IOBase.__exit__, str.upper, int.__add__):
+        host.repository.db.transaction = type("Odd", (), {"__enter__": deleted.append, "__exit__": wrong})
+        with pytest.raises(TypeError, match="doesn't apply to a 'Odd' object"):
+            host._prune_retired_pages({}, set())
+    assert deleted == []
+
+
+def test_members_of_modules_are_looked_up_at_each_use(monkeypatch):
+    calls = []
+    host = simple(upsert_wiki_page=lambda *args, **fields: calls.append(fields["build_cache"]))
+    answers = itertools.count()
+    odd = types.ModuleType("odd")
+
+    def answering(name):
+        text = f"{name} {next(answers)}"
+        return lambda cache, ensure_ascii: text
+
+    odd.__getattr__ = answering
+    monkeypatch.setattr(json, "dumps", lambda cache, ensure_ascii: "patched")
+    for module in (json, odd, odd, types.SimpleNamespace(dumps=lambda cache, ensure_ascii: "no module")):
+        monkeypatch.setattr(page_retirement, "json", module)
+        host._upsert_successor("new", {}, [], ())
+    monkeypatch.undo()
+    host._upsert_successor("new", {}, [], ())
+    assert calls == ["patched", "dumps 0", "dumps 1", "no module", "{}"]
+
+
 def test_pairs_come_from_a_real_generator(wiki, monkeypatch):
     for page_id in "abc":
         wiki.page(page_id)
@@ -159,6 +191,10 @@ def test_children_are_read_as_they_are_by_then(monkeypatch):
     monkeypatch.setattr(page_retirement, "_norm", lambda path: rows.pop("y") and path)
     with pytest.raises(KeyError, match="y"):
         page_retirement._judged_sources(family, rows)
+    asked = []
+    changing = type("Changing", (str,), {"__hash__": lambda self: asked.append(self) or hash("x")})
+    assert page_retirement._judged_sources({"related_pages": [changing("x")]}, {"x": {}}) == []
+    assert asked == ["x", "x"]  # whether it is stored, and its row
 
 
 def test_sources_meet_the_index_as_sets_do(monkeypatch):

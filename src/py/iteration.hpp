@@ -138,7 +138,8 @@ class items {
     PY_INLINE ~iterator() = default;
     PY_INLINE const Item& operator*() const noexcept { return item_; }
     PY_INLINE iterator& operator++() {
-      const Item old{std::move(item_.key), std::move(item_.value)};  // dies when the next one is there
+      const Object old_value = std::move(item_.value),
+                   old_key = std::move(item_.key);  // die when the next one is there
       next(item_);
       return *this;
     }

@@ -14,6 +14,9 @@ namespace py {
 /// The hash that an exact str keeps, or -1 where it has not been asked for yet.
 PY_INLINE Py_hash_t kept_hash(Handle text) noexcept { return static_cast<PyASCIIObject*>(text)->hash; }
 
+/// A number that tells one state of an exact dict from all others, and from all states of other dicts.
+PY_INLINE std::uint64_t version(Handle dict) noexcept { return static_cast<PyDictObject*>(dict)->ma_version_tag; }
+
 /// The value under `key` in an exact dict, or none when it is missing. It stays the dict's: hold it across calls.
 PY_INLINE Handle peek(Handle dict, Handle key, Where where = Where::current()) {
   const Py_hash_t hash = PyUnicode_CheckExact(key) ? kept_hash(key) : -1;
@@ -32,17 +35,8 @@ PY_INLINE Object find(Handle dict, Handle key, Where where = Where::current()) {
 
 // Attributes and calls
 
-/// `object.name`, for an interned name. What is found in the dict of an object or a module whose type knows nothing of
-/// the name is found without the interpreter's detour.
+/// `object.name`
 inline Object attr(Handle object, Handle name, Where where = Where::current()) {
-  PyTypeObject* type = Py_TYPE(object);
-  const getattrofunc get = type->tp_getattro;
-  if ((get == PyObject_GenericGetAttr || get == PyModule_Type.tp_getattro) && _PyType_Lookup(type, name) == nullptr) {
-    PyObject** dict = _PyObject_GetDictPtr(object);
-    if (dict != nullptr && *dict != nullptr) {
-      if (Object value = find(borrow(*dict), name, where)) return value;
-    }
-  }
   return steal(PyObject_GetAttr(object, name), where);
 }
 
@@ -111,7 +105,6 @@ class Callee {
 /// `object.name`, about to be called: no bound method is made where the type has a plain function of that name.
 PY_INLINE Callee method(Handle object, Handle name, Where where = Where::current(),
                         PyThreadState* thread = PyThreadState_Get()) {
-  if (Py_TYPE(object)->tp_getattro != PyObject_GenericGetAttr) return Callee(attr(object, name, where), thread);
   PyObject* found = nullptr;
   const int unbound = _PyObject_GetMethod(object, name, &found);
   return Callee(steal(found, where), thread, unbound ? object : nullptr);
@@ -121,7 +114,6 @@ PY_INLINE Callee method(Handle object, Handle name, Where where = Where::current
 PY_INLINE Callee method(Object&& object, Handle name, Where where = Where::current(),
                         PyThreadState* thread = PyThreadState_Get()) {
   Object held = std::move(object);
-  if (Py_TYPE(held.get())->tp_getattro != PyObject_GenericGetAttr) return Callee(attr(held, name, where), thread);
   PyObject* found = nullptr;
   const int unbound = _PyObject_GetMethod(held.get(), name, &found);
   Object callable = steal(found, where);
@@ -150,9 +142,6 @@ PY_INLINE bool contains(Handle container, Handle member, Where where = Where::cu
     return check(methods->sq_contains(container, member), where) != 0;
   return check(PySequence_Contains(container, member), where) != 0;
 }
-
-/// A number that tells one state of an exact dict from all others, and from all states of other dicts.
-inline std::uint64_t version(Handle dict) noexcept { return static_cast<PyDictObject*>(dict)->ma_version_tag; }
 
 // Truth and comparison
 

@@ -30,6 +30,18 @@ PyObject* Global::look_up(const Namespace& names, Where where) {
   return value.release();
 }
 
+PyObject* Member::look_up(Handle object, Where where) {
+  PyObject* dict = PyModule_CheckExact(object) ? PyModule_GetDict(object) : nullptr;
+  const std::uint64_t before = dict ? version(dict) : 0;
+  Object value = attr(object, name_, where);
+  // A module's own __getattr__ may answer otherwise next time.
+  if (dict != nullptr && peek(dict, name_, where) == value.get() && version(dict) == before) {
+    version_ = before;
+    value_ = value.get();
+  }
+  return value.release();
+}
+
 Object Global::subscript(Handle mapping, Where where) const {
   PyObject* value = PyObject_GetItem(mapping, name_.get());
   if (value == nullptr) {

@@ -45,6 +45,27 @@ class Global {
   PyObject* value_ = nullptr;
 };
 
+/// `module.name`, remembered for as long as the module's dict stands; any other object is asked each time.
+class Member {
+ public:
+  Member(const char* name, Where where = Where::current()) : name_(name, where) {}
+
+  PY_INLINE Object of(Handle object, Where where = Where::current()) {
+    if (Py_IS_TYPE(static_cast<PyObject*>(object), &PyModule_Type)) [[likely]] {
+      PyObject* dict = PyModule_GetDict(object);
+      if (dict != nullptr && version(dict) == version_) return borrow(value_);
+    }
+    return Object(look_up(object, where));
+  }
+
+ private:
+  [[gnu::noinline]] PyObject* look_up(Handle object, Where where);
+
+  Name name_;
+  std::uint64_t version_ = 0;  // which no dict has
+  PyObject* value_ = nullptr;
+};
+
 /// An object whose only use is to carry a `State` for the shells. It knows nothing of the namespace: code objects are
 /// not seen by the cycle collector, so a way back from them to the module would keep every module alive for ever.
 template <class State>
@@ -122,6 +143,9 @@ class Scope {
   PY_INLINE Object load(Global& name, Where where = Where::current()) const { return name.load(names, where); }
   PY_INLINE Callee callee(Global& name, Where where = Where::current()) const {
     return Callee(load(name, where), thread);
+  }
+  PY_INLINE Callee callee(Global& module, Member& name, Where where = Where::current()) const {
+    return Callee(name.of(load(module, where), where), thread);
   }
   template <class Reference>
   PY_INLINE Callee method(Reference&& object, Handle name, Where where = Where::current()) const {

@@ -13,8 +13,7 @@ Callee special_method(const Object& object, Handle name, Where where) {
   }
   PyThreadState* thread = PyThreadState_Get();
   Object method = borrow(found);
-  if (PyType_HasFeature(Py_TYPE(found), Py_TPFLAGS_METHOD_DESCRIPTOR))
-    return Callee(std::move(method), thread, object, object);
+  if (PyFunction_Check(found)) return Callee(std::move(method), thread, object, object);
   if (const descrgetfunc get = Py_TYPE(found)->tp_descr_get)
     method = steal(get(found, object.get(), reinterpret_cast<PyObject*>(type)), where);
   return Callee(std::move(method), thread);
@@ -43,13 +42,17 @@ class Handling {
 
 }  // namespace
 
-Exit::Exit(const Object& manager, Handle enter_name, Handle exit_name, Where where) : where_(where) {
+Exit::Exit(Object manager, Handle enter_name, Handle exit_name, Where where) : where_(where) {
   const Callee enter = special_method(manager, enter_name, where);
   exit_ = special_method(manager, exit_name, where);
+  manager = Object();  // from here on it is held by its methods alone
   enter(where);
 }
 
-void Exit::normal() const { exit_({Py_None, where_}, Py_None, Py_None); }
+void Exit::normal() {
+  const Object result = exit_({Py_None, where_}, Py_None, Py_None);
+  exit_ = Callee();  // before the result, as what was called goes first
+}
 
 Object Exit::exceptional() const {
   PyObject *fetched_type, *fetched_value, *fetched_traceback;

@@ -11,8 +11,8 @@ namespace py {
 class Exit {
  public:
   /// Finds `__enter__` and `__exit__` on the type of `manager`, then enters it.
-  Exit(const Object& manager, Handle enter_name, Handle exit_name, Where where);
-  void normal() const;
+  Exit(Object manager, Handle enter_name, Handle exit_name, Where where);
+  void normal();
   /// Hands over the exception that is set; gives it back if it was swallowed, else it is set again.
   Object exceptional() const;
 
@@ -24,8 +24,7 @@ class Exit {
 /// `with manager: body()`; gives the exception of the body that the manager swallowed, if any.
 template <class State, class Body>
 Object with(const Scope<State>& scope, Object manager, Body body, Where where = Where::current()) {
-  const Exit exit(manager, scope->__enter__, scope->__exit__, where);
-  manager = Object();  // from here on it is held by its bound `__exit__` alone
+  Exit exit(std::move(manager), scope->__enter__, scope->__exit__, where);
   std::optional<Error> failure;
   try {
     body();

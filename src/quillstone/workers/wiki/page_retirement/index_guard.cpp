@@ -1,4 +1,5 @@
 // Judged sources, indexed paths, and the guard for pages that only an index behind the tree hides.
+#include <algorithm>
 #include <vector>
 
 #include "names.hpp"
@@ -21,37 +22,46 @@ struct JudgedSources {
 
   static Object body(const Scope& m, Handle page, Handle existing) {
     List sources;
-    add_sources(m, sources, page);
+    add_normalised(m, sources, list_field(m, page, m->source_files));
     if (!sources.empty()) return sources;
     const std::uint64_t version = PyDict_CheckExact(existing) ? py::version(existing) : 0;
     for (const Child& child : stored_children(m, page, existing)) {
       const bool known = child.row != nullptr && py::version(existing) == version;
-      add_sources(m, sources, known ? py::borrow(child.row) : py::item(existing, child.id));
+      Object row = known ? py::borrow(child.row) : py::item(existing, child.id);
+      Object files = list_field(m, row, m->source_files);
+      row = Object();
+      add_normalised(m, sources, std::move(files));
     }
     return sources;
   }
 
   struct Child {
     Object id;
-    PyObject* row;  // borrowed, good for as long as the version of `existing` stands; null where it is no exact dict
+    PyObject* row;  // borrowed, good for as long as the version of `existing` stands; null where that cannot be told
+  };
+  struct Children : std::vector<Child> {
+    ~Children() {  // the last one first, as the members of a list
+      while (!empty()) pop_back();
+    }
   };
 
-  static std::vector<Child> stored_children(const Scope& m, Handle page, Handle existing) {
+  static Children stored_children(const Scope& m, Handle page, Handle existing) {
     const Object related = list_field(m, page, m->related_pages);
-    std::vector<Child> children;
-    if (PyList_CheckExact(related.get())) children.reserve(PyList_GET_SIZE(related.get()));
+    const bool exact_dict = PyDict_CheckExact(existing);
+    Children children;
+    if (exact_dict && PyList_CheckExact(related.get()))
+      children.reserve(std::min(PyList_GET_SIZE(related.get()), PyDict_GET_SIZE(static_cast<PyObject*>(existing))));
     for (const Object& id : each(related)) {
-      if (!PyDict_CheckExact(existing)) {
-        if (py::contains(existing, id)) children.push_back({id, nullptr});
-      } else if (PyObject* row = py::peek(existing, id)) {
-        children.push_back({id, row});
-      }
+      PyObject* row = nullptr;
+      const bool plain = exact_dict && PyUnicode_CheckExact(id.get());  // to look it up again would run nobody's code
+      if (plain) row = py::peek(existing, id);
+      if (plain ? row != nullptr : py::contains(existing, id)) children.push_back({id, row});
     }
     return children;
   }
 
-  PY_INLINE static void add_sources(const Scope& m, List& sources, Handle page) {
-    for (const Object& path : each(list_field(m, page, m->source_files))) sources.append(m.callee(m->_norm)(path));
+  PY_INLINE static void add_normalised(const Scope& m, List& sources, Object files) {
+    for (const Object& path : each(std::move(files))) sources.append(m.callee(m->_norm)(path));
   }
 };
 
@@ -69,8 +79,10 @@ struct IndexedPaths {
 
   static Object body(const Scope& m, Handle self) {
     const Callee list_files = m.method(py::attr(self, m->repository), m->list_indexed_files);
-    const Object listed = list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million);
-    const auto [files, more, limit, total] = unpack<4>(listed);
+    auto [files, more, limit, total] =
+        unpack<4>(list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million));
+    more = Object();
+    limit = Object();
     Set indexed;
     for (const Object& record : each(files)) {
       const Callee norm = m.callee(m->_norm);
@@ -123,7 +135,7 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     return py::truth(py::steal(PyNumber_And(distinct.get(), indexed)));
   }
 
-  /// What no code of anybody's runs for when it is hashed and compared, so the first hit decides.
+  /// To hash them runs nobody's code, nor does to compare them with paths of an index, which are plain strings, too.
   static bool all_strings(Handle list) {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(list)); ++i)
       if (!PyUnicode_CheckExact(PyList_GET_ITEM(static_cast<PyObject*>(list), i))) return false;

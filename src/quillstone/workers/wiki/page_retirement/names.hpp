@@ -85,7 +85,7 @@ struct State {
   // Methods and attributes of the standard library's objects
   py::Name __enter__{"__enter__"};
   py::Name __exit__{"__exit__"};
-  py::Name dumps{"dumps"};
+  py::Member dumps{"dumps"};
   py::Name exists{"exists"};
   py::Name get{"get"};
   py::Name glob{"glob"};
@@ -97,7 +97,7 @@ struct State {
   py::Name read_text{"read_text"};
   py::Name setdefault{"setdefault"};
   py::Name strip{"strip"};
-  py::Name suppress{"suppress"};
+  py::Member suppress{"suppress"};
   py::Name unlink{"unlink"};
   py::Name warning{"warning"};
 

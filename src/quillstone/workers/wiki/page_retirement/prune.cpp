@@ -80,7 +80,7 @@ struct PruneRetiredPages {
   /// Only after the commit; a file that resists is no reason to keep the others.
   static void remove_files(const Scope& m, Handle self, const List& deleted) {
     for (const Object& page_id : each(deleted)) {
-      Object suppress = m.method(m.load(m->contextlib), m->suppress)(PyExc_OSError);
+      Object suppress = m.callee(m->contextlib, m->suppress)(PyExc_OSError);
       py::with(m, std::move(suppress),
                [&] { m.method(page_file(m, self, page_id), m->unlink).with_keywords(m->unlink_keywords, Py_True); });
     }

@@ -34,7 +34,7 @@ struct UpsertSuccessor {
     const Object content_hash = field_or(m, row, m->content_hash, m->empty);
     const Object model = field_or(m, row, m->model, m->agent_session);
     const Object summary = field_or(m, row, m->summary, m->empty);
-    const Callee dumps = m.method(m.load(m->json), m->dumps);
+    const Callee dumps = m.callee(m->json, m->dumps);
     const Object cache_text = dumps.with_keywords(m->dumps_keywords, cache, Py_False);
     const Object page_type = field_or(m, row, m->page_type, m->empty);
     upsert.with_keywords(m->upsert_keywords, branch, new_id, title, description, importance, level, parent_section,

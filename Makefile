@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test lint format install-into clean
+.PHONY: demo test lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -24,6 +24,17 @@ lint: $(VENV)/lint.stamp
 	$(BIN)/ruff format --check
 	$(BIN)/mypy host
 	cd host && ../$(BIN)/python -m mypy.stubtest --mypy-config-file ../pyproject.toml quillstone.workers.wiki.page_retirement
+
+bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again, and its plot
+	mkdir -p build/bench
+	rm -f build/bench/*
+	$(BIN)/python benchmarks/timed_memory.py --fast --output build/bench/memory.json
+	$(BIN)/python benchmarks/timed_sqlite.py --output build/bench/sqlite.json
+	$(BIN)/python benchmarks/growth.py build/bench/growth.json
+	$(BIN)/python benchmarks/report.py build/bench
+
+bench-check: $(VENV)/module.stamp  ## instructions a page against their bounds; skipped without valgrind
+	$(BIN)/python benchmarks/instructions.py
 
 format: $(VENV)/lint.stamp
 	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format -i
@@ -59,6 +70,6 @@ $(VENV)/demo.stamp: requirements/demo.txt host/pyproject.toml $(VENV)/module.sta
 	$(BIN)/pip install --quiet --no-build-isolation --no-deps -e host
 	@touch $@
 
-$(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
+$(VENV)/bench.stamp $(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
 	$(BIN)/pip install --quiet -r $<
 	@touch $@

@@ -1,0 +1,116 @@
+"""Single runs of wikis from a thousand to a million pages, one source file a page: time, and peak memory.
+
+    growth.py FILE          every run, each in a process of its own; the figures go to FILE as JSON
+    growth.py run WHAT PAGES time|memory
+
+Memory is counted by tracemalloc, which slows a run down, so it takes a run of its own; what the wiki itself takes, and
+what was there before the call, does not count.
+"""
+
+from __future__ import annotations
+
+import gc
+import json
+import subprocess
+import sys
+import time
+import tracemalloc
+from collections.abc import Callable, Iterable
+from pathlib import Path
+from typing import Any
+
+from generated import Wiki, generate
+
+SIZES = (1_000, 10_000, 100_000, 1_000_000)
+LARGEST_IN_SQLITE = 100_000
+PLAIN = "replan in plain Python"
+IN_SQLITE = "replan in SQLite"
+TABLES = "tables of the carry"
+IN_MEMORY = ("index", "select", "carry", "prune", "replan", PLAIN)
+
+
+def measure(run: Callable[[], Any], kind: str) -> float:
+    """Seconds, or bytes at the peak."""
+    gc.collect()
+    gc.disable()  # whose passes are the process's, and come when it pleases
+    if kind == "memory":
+        tracemalloc.start()
+        run()
+        return tracemalloc.get_traced_memory()[1]
+    start = time.perf_counter()
+    run()
+    return time.perf_counter() - start
+
+
+def measure_in_memory(what: str, wiki: Wiki, kind: str) -> float:
+    import memory
+
+    if what == TABLES:
+        return size_of(carry_tables(wiki, memory.SIBLINGS["quillstone.workers.wiki.replan_carry"]))
+    rules = memory.plain_python() if what == PLAIN else memory.page_retirement
+    operation = memory.operations(wiki, rules)[what.split()[0]]
+
+    def run() -> None:
+        result = operation.run()
+        assert operation.expected in (None, result), (what, result)
+
+    return measure(run, kind)
+
+
+def measure_in_sqlite(wiki: Wiki, kind: str) -> float:
+    import sqlite
+
+    with sqlite.scratch() as root:
+        sqlite.store(wiki, root / "wiki")
+        with sqlite.copied(root / "wiki") as host:
+            return measure(lambda: sqlite.replan(host, wiki), kind)
+
+
+def carry_tables(wiki: Wiki, collaborators: dict[str, Callable[..., Any]]) -> list[Any]:
+    """What a carry has to hold at its end: rows by id, predecessors, seeds, carried pages, sections, visits, result."""
+    rows = wiki.existing
+    merged = {successor: list(ids) for successor, ids in wiki.merged.items()}
+    carried = {successor: [page_id for page_id in ids if page_id in rows] for successor, ids in merged.items()}
+    sections = {
+        successor: collaborators["carried_sections"]((rows[i]["title"], rows[i]["build_cache"]["prose"]) for i in ids)
+        for successor, ids in carried.items()
+    }
+    result = {
+        successor: (rows[wiki.seeds.get(successor, successor)], ["file"], blocks)
+        for successor, blocks in sections.items()
+    }
+    files = [files for _, files, _ in result.values()]
+    texts = [text for blocks in sections.values() for text in blocks]
+    tables = [rows, merged, dict(wiki.seeds), carried, sections, dict.fromkeys(sections), result]
+    return [*tables, *merged.values(), *carried.values(), *sections.values(), *texts, *result.values(), *files]
+
+
+def size_of(objects: Iterable[Any]) -> int:
+    return sum(map(sys.getsizeof, objects))
+
+
+def every_run() -> list[tuple[str, int, str]]:
+    in_memory = [(what, pages, kind) for pages in SIZES for what in IN_MEMORY for kind in ("time", "memory")]
+    tables = [(TABLES, pages, "memory") for pages in SIZES]
+    in_sqlite = [(IN_SQLITE, pages, kind) for pages in SIZES for kind in ("time", "memory")]
+    return in_memory + tables + [run for run in in_sqlite if run[1] <= LARGEST_IN_SQLITE]
+
+
+def main() -> None:
+    if sys.argv[1] == "run":
+        what, pages, kind = sys.argv[2], int(sys.argv[3]), sys.argv[4]
+        wiki = generate(pages, files_a_page=1)
+        print(measure_in_sqlite(wiki, kind) if what == IN_SQLITE else measure_in_memory(what, wiki, kind))
+        return
+    figures = []
+    for what, pages, kind in every_run():
+        command = [sys.executable, __file__, "run", what, str(pages), kind]
+        figure = float(subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout)
+        shown = f"{figure / pages * 1e6:.2f} us" if kind == "time" else f"{figure / pages:.0f} bytes at the peak"
+        print(f"{what}, {pages:,} pages: {shown} a page", flush=True)
+        figures.append({"what": what, "pages": pages, "kind": kind, "figure": figure})
+    Path(sys.argv[1]).write_text(json.dumps(figures, indent=1))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,73 @@
+"""Wikis in SQLite with real page files, under the demo host's own collaborators: a prune as a user pays for it."""
+
+from __future__ import annotations
+
+import logging
+import shutil
+import tempfile
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+import sqlalchemy as sa
+from generated import BRANCH, Wiki
+
+from quillstone.storage.repository import Repository, indexed_files, wiki_pages
+from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from quillstone.workers.wiki.replan_carry import ReplanRemap
+
+SHARED_MEMORY = Path("/dev/shm")  # where there is one, the figures are not the disk's
+
+logging.getLogger("quillstone").setLevel(logging.CRITICAL)  # the guard's warnings
+
+
+class Host(PageRetirementMixin):
+    def __init__(self, folder: Path) -> None:
+        self.repository = Repository(f"sqlite:///{folder / 'wiki.sqlite'}")
+        self.repo_root, self.branch, self.pages_dir = folder / "tree", BRANCH, folder / "pages"
+
+
+@contextmanager
+def scratch() -> Iterator[Path]:
+    """A folder for one benchmark."""
+    root = Path(tempfile.mkdtemp(dir=SHARED_MEMORY if SHARED_MEMORY.is_dir() else None))
+    try:
+        yield root
+    finally:
+        shutil.rmtree(root)
+
+
+def store(wiki: Wiki, folder: Path) -> None:
+    """Put the wiki into a database and files below `folder`."""
+    for name in ("pages", "notes", "tree"):
+        (folder / name).mkdir(parents=True)
+    host = Host(folder)
+    defaults = {"source_hashes": {}, "citations": [], "model": "m", "summary": "s", "page_type": "module"}
+    with host.repository.db.transaction() as connection:
+        connection.execute(sa.insert(wiki_pages), [{"branch": BRANCH, **defaults, **row} for row in wiki.rows])
+        connection.execute(sa.insert(indexed_files), [record | {"language": "c"} for record in wiki.indexed])
+    host.repository.close()
+    for page_id, text in wiki.pages_with_file():
+        (folder / "pages" / f"{page_id}.md").write_text(text)
+    for note in wiki.notes_with_file:
+        (folder / "notes" / f"{note}.md").write_text("note")
+    accounted_for = wiki.plan_ids | wiki.deletes
+    for row in wiki.rows:
+        if row["page_id"] not in accounted_for:  # an index behind the tree hides it
+            for path in (folder / "tree" / path for path in row["source_files"]):
+                path.parent.mkdir(parents=True, exist_ok=True)
+                path.touch()
+
+
+@contextmanager
+def copied(folder: Path) -> Iterator[Host]:
+    """A host over a copy of the stored wiki, for a run that changes it."""
+    with scratch() as root:
+        host = Host(shutil.copytree(folder, root / "copy"))
+        yield host
+        host.repository.close()
+
+
+def replan(host: Host, wiki: Wiki) -> None:
+    """Apply the wiki's replan, and see that it did all that it had to."""
+    assert host._apply_replan_to_store(ReplanRemap(wiki.seeds, wiki.merged), wiki.plan_ids) == len(wiki.deletes)

@@ -53,11 +53,11 @@ def timed(folder: Path) -> str:
     return table(["µs a page", *(f"{pages:,} pages" for pages in sizes)], rows)
 
 
-def grown(figures: Figures, kind: str, unit: str, factor: float) -> str:
+def grown(figures: Figures, kind: str, unit: str, factor: float, decimals: int) -> str:
     names = [name for name in (*IN_MEMORY, TABLES, IN_SQLITE) if (name, kind) in figures]
     sizes = sorted({pages for row in figures.values() for pages in row})
     rows = [
-        [name, *(f"{row[pages] / pages * factor:,.2f}" if pages in row else "" for pages in sizes)]
+        [name, *(f"{row[pages] / pages * factor:,.{decimals}f}" if pages in row else "" for pages in sizes)]
         for name, row in ((name, figures[name, kind]) for name in names)
     ]
     return table([unit, *(f"{pages:,} pages" for pages in sizes)], rows)
@@ -65,20 +65,20 @@ def grown(figures: Figures, kind: str, unit: str, factor: float) -> str:
 
 def plot(figures: Figures) -> None:
     """Both axes logarithmic: what is linear rises as steeply as the dotted line."""
-    pyplot.rcParams.update({"svg.hashsalt": "growth", "font.size": 9})
+    pyplot.rcParams.update({"svg.hashsalt": "growth", "svg.fonttype": "none", "font.size": 9})
     figure, panels = pyplot.subplots(1, 2, figsize=(10, 4.2), layout="constrained")
     for panel, kind, title in zip(panels, ("time", "memory"), ("seconds", "peak memory, MB"), strict=True):
-        for name in (*IN_MEMORY, TABLES, IN_SQLITE):
-            row = figures.get((name, kind))
-            if row:
+        for color, name in enumerate((*IN_MEMORY, TABLES, IN_SQLITE)):
+            if row := figures.get((name, kind)):
                 scale = 1 if kind == "time" else 1e-6
                 style = "--" if name in (PLAIN, TABLES) else "-"
-                panel.loglog(list(row), [value * scale for value in row.values()], style, marker="o", label=name)
+                values = [value * scale for value in row.values()]
+                panel.loglog(list(row), values, style, marker="o", color=f"C{color}", label=name)
         low, high = panel.get_ylim()
         panel.loglog([1e3, 1e6], [low, low * 1e3], ":", color="grey", label="linear")
         panel.set(xlabel="pages", title=title, ylim=(low, high))
         panel.grid(alpha=0.3)
-        panel.legend(fontsize=7)
+    figure.legend(*panels[1].get_legend_handles_labels(), loc="outside lower center", ncols=5)
     figure.savefig(PLOT, metadata={"Date": None})
 
 
@@ -91,13 +91,14 @@ def main() -> None:
     parts = {
         "machine": machine(),
         "operations": timed(folder),
-        "time": grown(figures, "time", "µs a page", 1e6),
-        "memory": grown(figures, "memory", "bytes a page", 1),
+        "time": grown(figures, "time", "µs a page", 1e6, 2),
+        "memory": grown(figures, "memory", "bytes a page", 1, 0),
     }
     text = PAGE.read_text("utf-8")
     for name, content in parts.items():
+        section = rf"(<!-- {name} -->\n).*?(<!-- /{name} -->)"
         text, found = re.subn(
-            rf"(<!-- {name} -->\n).*?(\n<!-- /{name} -->)", rf"\g<1>\n{content}\n\g<2>", text, flags=re.DOTALL
+            section, lambda place, content=content: f"{place[1]}\n{content}\n\n{place[2]}", text, flags=re.S
         )
         assert found == 1, f"{PAGE.name} has no one place for {name}"
     PAGE.write_text(text, "utf-8")

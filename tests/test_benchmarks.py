@@ -46,7 +46,7 @@ def test_instructions_are_held_against_their_bounds(monkeypatch, tmp_path, capsy
     monkeypatch.setattr(instructions.shutil, "which", lambda program: program)
     statuses = []
     for counted in (100, 101):
-        monkeypatch.setattr(instructions, "count", lambda name, times, each=counted: 7 + times * each * 800)
+        monkeypatch.setattr(instructions, "count", lambda name, pages, times, each=counted: 7 + times * each * pages)
         statuses.append(instructions.main())
     assert statuses == [0, 1]
     assert "101       100  more than the bound" in capsys.readouterr().out

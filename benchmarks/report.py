@@ -6,6 +6,7 @@ report.py FOLDER    where FOLDER holds memory.json and sqlite.json (pyperf) and 
 from __future__ import annotations
 
 import json
+import math
 import os
 import platform
 import re
@@ -15,6 +16,7 @@ from pathlib import Path
 
 import matplotlib as mpl
 import pyperf
+
 from growth import IN_MEMORY, IN_SQLITE, PLAIN, TABLES
 
 mpl.use("svg")
@@ -47,14 +49,15 @@ def timed(folder: Path) -> str:
         for benchmark in pyperf.BenchmarkSuite.load(str(folder / file)).get_benchmarks():
             name, _, pages = benchmark.get_name().rpartition(" ")
             mean, spread = (figure / int(pages) * 1e6 for figure in (benchmark.mean(), benchmark.stdev()))
-            cells[name][int(pages)] = f"{mean:.2f} ± {spread:.2f}" if mean < 100 else f"{mean:.0f} ± {spread:.0f}"
+            decimals = max(0, 2 - math.floor(math.log10(mean)))  # three significant digits
+            cells[name][int(pages)] = f"{mean:.{decimals}f} ± {spread:.{decimals}f}"
     sizes = sorted({pages for row in cells.values() for pages in row})
     rows = [[name, *(row.get(pages, "") for pages in sizes)] for name, row in cells.items()]
     return table(["µs a page", *(f"{pages:,} pages" for pages in sizes)], rows)
 
 
 def grown(figures: Figures, kind: str, unit: str, factor: float, decimals: int) -> str:
-    names = [name for name in (*IN_MEMORY, TABLES, IN_SQLITE) if (name, kind) in figures]
+    names = [name for name in (*IN_MEMORY, TABLES, *IN_SQLITE) if (name, kind) in figures]
     sizes = sorted({pages for row in figures.values() for pages in row})
     rows = [
         [name, *(f"{row[pages] / pages * factor:,.{decimals}f}" if pages in row else "" for pages in sizes)]
@@ -68,7 +71,7 @@ def plot(figures: Figures) -> None:
     pyplot.rcParams.update({"svg.hashsalt": "growth", "svg.fonttype": "none", "font.size": 9})
     figure, panels = pyplot.subplots(1, 2, figsize=(10, 4.2), layout="constrained")
     for panel, kind, title in zip(panels, ("time", "memory"), ("seconds", "peak memory, MB"), strict=True):
-        for color, name in enumerate((*IN_MEMORY, TABLES, IN_SQLITE)):
+        for color, name in enumerate((*IN_MEMORY, TABLES, *IN_SQLITE)):
             if row := figures.get((name, kind)):
                 scale = 1 if kind == "time" else 1e-6
                 style = "--" if name in (PLAIN, TABLES) else "-"

@@ -10,8 +10,8 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import sqlalchemy as sa
-from generated import BRANCH, Wiki
 
+from generated import BRANCH, Wiki
 from quillstone.storage.repository import Repository, indexed_files, wiki_pages
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.replan_carry import ReplanRemap
@@ -64,10 +64,21 @@ def copied(folder: Path) -> Iterator[Host]:
     """A host over a copy of the stored wiki, for a run that changes it."""
     with scratch() as root:
         host = Host(shutil.copytree(folder, root / "copy"))
-        yield host
-        host.repository.close()
+        try:
+            yield host
+        finally:
+            host.repository.close()
 
 
 def replan(host: Host, wiki: Wiki) -> None:
     """Apply the wiki's replan, and see that it did all that it had to."""
     assert host._apply_replan_to_store(ReplanRemap(wiki.seeds, wiki.merged), wiki.plan_ids) == len(wiki.deletes)
+
+
+def prune(host: Host, wiki: Wiki) -> None:
+    """The same with a snapshot of the caller's own."""
+    remap = ReplanRemap(wiki.seeds, wiki.merged)
+    assert host._prune_retired_pages(wiki.existing, wiki.plan_ids, remap) == len(wiki.deletes)
+
+
+WHOLE = {"prune in SQLite": prune, "replan in SQLite": replan}

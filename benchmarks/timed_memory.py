@@ -1,6 +1,7 @@
 """pyperf: every operation of the module on wikis of 1,000 and 10,000 pages in memory, five source files a page."""
 
 import pyperf
+
 from generated import generate
 from memory import operations
 

@@ -40,16 +40,23 @@ def test_instructions_are_held_against_their_bounds(monkeypatch, tmp_path, capsy
     import instructions
 
     bounds = tmp_path / "bounds.json"
-    bounds.write_text(json.dumps({"index": 100}))
+    bounds.write_text(json.dumps({"index": [100, 1000]}))
     monkeypatch.setattr(instructions, "BOUNDS", bounds)
     monkeypatch.setattr(sys, "argv", ["instructions.py"])
     monkeypatch.setattr(instructions.shutil, "which", lambda program: program)
     statuses = []
-    for counted in (100, 101):
-        monkeypatch.setattr(instructions, "count", lambda name, pages, times, each=counted: 7 + times * each * pages)
+    for own, everything in ((100, 1000), (101, 1000), (100, 1001)):
+        counted = lambda name, pages, times, own=own, everything=everything: (
+            7 + times * own * pages,
+            9 + times * everything * pages,
+        )
+        monkeypatch.setattr(instructions, "count", counted)
         statuses.append(instructions.main())
-    assert statuses == [0, 1]
-    assert "101       100  more than the bound" in capsys.readouterr().out
+    assert statuses == [0, 1, 1]
+    assert "101     100     1,000     1,000  <-" in capsys.readouterr().out
+    profile = tmp_path / "profile"
+    profile.write_text("ob=libpython.so\nfn=a\n1 5\nob=page_retirement.so\nfn=b\ncalls=1 9\n2 70\n3 4\n")
+    assert instructions.parse(profile) == (4, 9)
     monkeypatch.setattr(instructions.shutil, "which", lambda program: None)
     assert instructions.main() == 0
     assert "skipped, valgrind is not installed" in capsys.readouterr().out

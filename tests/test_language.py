@@ -312,14 +312,6 @@ def test_ids_that_are_no_str_are_formatted(wiki):
         assert wiki._page_text(page_id) == page_id
 
 
-def test_a_data_descriptor_of_the_class_comes_before_the_instance():
-    host = simple(delete_wiki_page=lambda branch, page_id: branch == "of the class")
-    host.pages_dir = Path("/nowhere")
-    type(host).branch = property(lambda self: "of the class")
-    assert vars(host)["branch"] == "main"
-    assert host._prune_retired_pages({}, set()) == 1
-
-
 def test_a_build_cache_is_what_python_takes_for_a_dict():
     calls = []
     host = simple(upsert_wiki_page=lambda *args, **fields: calls.append(fields))

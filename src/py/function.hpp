@@ -87,7 +87,7 @@ class Function {
     if (owner == nullptr) return _PyFunction_Vectorcall(callable, arguments, flags, keywords);
     if (Py_EnterRecursiveCall("")) return nullptr;
     PyObject* result = run(thread, owner, function->func_globals, function->func_builtins, arguments);
-    --thread->recursion_depth;  // Py_LeaveRecursiveCall
+    --thread->recursion_depth;  // Py_LeaveRecursiveCall, in line
     return result;
   }
 

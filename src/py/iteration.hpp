@@ -1,6 +1,7 @@
 // for-loops and unpacking, live: what a loop body changes is seen by the loop, as in the language.
 #pragma once
 
+#include <array>
 #include <iterator>
 
 #include "operations.hpp"
@@ -26,7 +27,7 @@ class Turns {
   unsigned left_ = between;
 };
 
-/// PyIter_Next for a loop: a new reference, or null at the end.
+/// PyIter_Next for a loop, out of line so that loops over lists stay small: a new reference, or null at the end.
 [[gnu::noinline]] inline PyObject* next_of(Handle iterator, Where where) {
   PyObject* member = PyIter_Next(iterator);
   if (member == nullptr && PyErr_Occurred()) throw Error{where};
@@ -41,7 +42,6 @@ class each {
                                                   : steal(PyObject_GetIter(iterable.get()), where)),
         where_(where) {}
   PY_INLINE ~each() = default;
-  PY_INLINE explicit each(Handle iterable, Where where = Where::current()) : each(borrow(iterable), where) {}
 
   class iterator {
    public:

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 
 #include "object.hpp"
@@ -117,7 +116,7 @@ PY_INLINE Callee method(Object&& object, Handle name, Where where = Where::curre
   PyObject* found = nullptr;
   const int unbound = _PyObject_GetMethod(held.get(), name, &found);
   Object callable = steal(found, where);
-  if (!unbound) held = Object();
+  if (!unbound) held = Object();  // which the interpreter lets go of before the call, too
   const Handle self = held;
   return Callee(std::move(callable), thread, self, std::move(held));
 }

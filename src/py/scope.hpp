@@ -12,7 +12,7 @@ struct Namespace {
   Namespace(Handle globals, Handle builtins) noexcept : globals(globals), builtins(builtins) {}
 
   const Handle globals, builtins;
-  /// Of the two dicts; no two states of any dicts ever share one. What is no exact dict has none that lasts.
+  /// Where the version tags of the two stand. What is no exact dict has `none`, which nothing that is remembered has.
   const std::uint64_t* const versions[2] = {version_of(globals), version_of(builtins)};
 
  private:
@@ -42,7 +42,7 @@ class Global {
 
   Name name_;
   std::uint64_t versions_[2] = {0, 0};  // which no dict has
-  PyObject* value_ = nullptr;
+  PyObject* value_ = nullptr;           // borrowed from the dict of that version
 };
 
 /// `module.name`, remembered for as long as the module's dict stands; any other object is asked each time.
@@ -63,7 +63,7 @@ class Member {
 
   Name name_;
   std::uint64_t version_ = 0;  // which no dict has
-  PyObject* value_ = nullptr;
+  PyObject* value_ = nullptr;  // borrowed from the dict of that version
 };
 
 /// An object whose only use is to carry a `State` for the shells. It knows nothing of the namespace: code objects are
@@ -107,6 +107,7 @@ State& state_of(PyObject* object) noexcept {
 void add_traceback(Error& error, const char* function, PyObject* globals) noexcept;
 
 /// The edge between C++ and the interpreter: what `body` returns, or null with the traceback entry of `function` added.
+/// Memory that C++ could not get becomes a MemoryError, which has no place in the source.
 template <class Body>
 PyObject* guarded(const char* function, PyObject* globals, Body body) noexcept {
   try {

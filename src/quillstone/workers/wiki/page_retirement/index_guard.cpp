@@ -25,7 +25,9 @@ struct JudgedSources {
     add_normalised(m, sources, list_field(m, page, m->source_files));
     if (!sources.empty()) return sources;
     const std::uint64_t version = PyDict_CheckExact(existing) ? py::version(existing) : 0;
+    py::Turns turns;
     for (const Child& child : stored_children(m, page, existing)) {
+      turns.next(py::Where::current());
       const bool known = child.row != nullptr && py::version(existing) == version;
       Object row = known ? py::borrow(child.row) : py::item(existing, child.id);
       Object files = list_field(m, row, m->source_files);
@@ -53,7 +55,7 @@ struct JudgedSources {
       children.reserve(std::min(PyList_GET_SIZE(related.get()), PyDict_GET_SIZE(static_cast<PyObject*>(existing))));
     for (const Object& id : each(related)) {
       PyObject* row = nullptr;
-      const bool plain = exact_dict && PyUnicode_CheckExact(id.get());  // to look it up again would run nobody's code
+      const bool plain = exact_dict && PyUnicode_CheckExact(id.get());  // hashed and compared by nobody's code
       if (plain) row = py::peek(existing, id);
       if (plain ? row != nullptr : py::contains(existing, id)) children.push_back({id, row});
     }
@@ -135,7 +137,8 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     return py::truth(py::steal(PyNumber_And(distinct.get(), indexed)));
   }
 
-  /// To hash them runs nobody's code, nor does to compare them with paths of an index, which are plain strings, too.
+  /// Hashing plain strings runs nobody's code. The index holds what `_norm` gave, plain strings as a rule; the `__eq__`
+  /// of another is asked less often than by a whole intersection.
   static bool all_strings(Handle list) {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(list)); ++i)
       if (!PyUnicode_CheckExact(PyList_GET_ITEM(static_cast<PyObject*>(list), i))) return false;

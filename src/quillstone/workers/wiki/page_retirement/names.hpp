@@ -133,7 +133,7 @@ struct State {
 /// The surroundings of a running function, `m` throughout: `m->name` is a name, `m.load(m->name)` what it names.
 using Scope = py::Scope<State>;
 
-/// `row.get(field)` of anything but a plain dict: a new reference
+/// `row.get(field)` of anything but a plain dict, out of line as it is rare: a new reference
 [[gnu::noinline]] inline PyObject* call_get(const Scope& m, Handle row, Handle name, py::Where where) {
   return m.method(row, m->get, where)({name, where}).release();
 }
@@ -149,13 +149,13 @@ PY_INLINE Object field(const Scope& m, Handle row, Handle name, py::Where where 
 PY_INLINE Object field_or(const Scope& m, Handle row, Handle name, Handle otherwise,
                           py::Where where = py::Where::current()) {
   Object value = field(m, row, name, where);
-  return py::truth(value, where) ? value : py::borrow(otherwise);
+  return py::truth(value, where) ? std::move(value) : py::borrow(otherwise);
 }
 
 /// `row.get(field) or []`
 PY_INLINE Object list_field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
   Object value = field(m, row, name, where);
-  return py::truth(value, where) ? value : List(where);
+  return py::truth(value, where) ? std::move(value) : List(where);
 }
 
 /// The text of a warning, and the place where it is given.

@@ -57,11 +57,11 @@ struct UpsertSuccessor {
   /// `dict(stored) if isinstance(stored, dict) else {}`
   static Object copy_if_dict(Handle stored) {
     const auto dict_type = reinterpret_cast<PyObject*>(&PyDict_Type);
-    const bool exact = PyDict_CheckExact(stored);
-    if (!exact && py::check(PyObject_IsInstance(stored, dict_type)))
-      return py::steal(PyObject_CallOneArg(dict_type, stored));
     Dict copy;
-    if (exact) py::check(PyDict_Update(copy.get(), stored));
+    if (PyDict_CheckExact(stored))
+      py::check(PyDict_Update(copy.get(), stored));
+    else if (py::check(PyObject_IsInstance(stored, dict_type)))
+      return py::steal(PyObject_CallOneArg(dict_type, stored));
     return copy;
   }
 };

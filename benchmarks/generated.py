@@ -8,6 +8,7 @@ from typing import Any
 
 BRANCH = "main"
 FAMILY = 8
+FILES_A_PAGE = 5  # source files, where nothing else is said
 PROSE = "What this page says about its source files, in a sentence or two of somebody's own. "
 
 
@@ -34,7 +35,7 @@ class Wiki:
                 yield row["page_id"], row["build_cache"]["prose"]
 
 
-def generate(pages: int, files_a_page: int) -> Wiki:
+def generate(pages: int, files_a_page: int = FILES_A_PAGE) -> Wiki:
     """Make a wiki of `pages` pages (a multiple of 8), each with so many source files.
 
     In a family the first page is the successor; in every fourth one the successor is new, and seeded by the first page

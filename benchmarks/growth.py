@@ -15,7 +15,7 @@ import subprocess
 import sys
 import time
 import tracemalloc
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
@@ -53,7 +53,7 @@ def measure_in_memory(what: str, wiki: Wiki, kind: str) -> float:
     import memory
 
     if what == TABLES:
-        return size_of(carry_tables(wiki, memory.SIBLINGS["quillstone.workers.wiki.replan_carry"]))
+        return sum(map(sys.getsizeof, carry_tables(wiki, memory.SIBLINGS["quillstone.workers.wiki.replan_carry"])))
     rules = memory.plain_python() if what == PLAIN else memory.page_retirement
     name = what.split()[0]
     memory.operations(generate(WARM_UP, 1), rules)[name].run()
@@ -96,10 +96,6 @@ def carry_tables(wiki: Wiki, collaborators: dict[str, Callable[..., Any]]) -> li
     texts = [text for blocks in sections.values() for text in blocks]
     tables = [rows, merged, dict(wiki.seeds), carried, sections, dict.fromkeys(sections), result]
     return [*tables, *merged.values(), *carried.values(), *sections.values(), *texts, *result.values(), *files]
-
-
-def size_of(objects: Iterable[Any]) -> int:
-    return sum(map(sys.getsizeof, objects))
 
 
 def every_run() -> list[tuple[str, int, str]]:

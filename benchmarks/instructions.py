@@ -26,7 +26,6 @@ from typing import NamedTuple
 
 BOUNDS = Path(__file__).with_name("instruction_bounds.json")
 PAGES = 800  # of the wiki that the bounds are for
-FILES_A_PAGE = 5
 MORE_RUNS = 5
 VALGRIND = ["valgrind", "--tool=callgrind", "--compress-strings=no", "--compress-pos=no"]
 
@@ -44,7 +43,7 @@ def work(name: str, pages: int, times: int) -> None:
     from memory import operations
 
     gc.disable()  # a pass that moves into or out of what is counted would look like a change
-    run = operations(generate(pages, FILES_A_PAGE))[name].run
+    run = operations(generate(pages))[name].run
     for _ in range(1 + times):  # the first one fills the interpreter's caches
         run()
 

@@ -81,6 +81,7 @@ def plot(figures: Figures) -> None:
         panel.loglog([1e3, 1e6], [low, low * 1e3], ":", color="grey", label="linear")
         panel.set(xlabel="pages", title=title, ylim=(low, high))
         panel.grid(alpha=0.3)
+        panel.minorticks_off()  # they would double the file
     figure.legend(*panels[1].get_legend_handles_labels(), loc="outside lower center", ncols=5)
     figure.savefig(PLOT, metadata={"Date": None})
 

@@ -6,13 +6,12 @@ from generated import generate
 from memory import operations
 
 SIZES = (1_000, 10_000)
-FILES_A_PAGE = 5
 
 
 def main() -> None:
     runner = pyperf.Runner()
     for pages in SIZES:
-        for name, operation in operations(generate(pages, FILES_A_PAGE)).items():
+        for name, operation in operations(generate(pages)).items():
             assert operation.expected in (None, operation.run()), name
             runner.bench_func(f"{name} {pages}", operation.run)
 

@@ -8,7 +8,6 @@ from generated import Wiki, generate
 from sqlite import WHOLE, copied, scratch, store
 
 SIZES = (1_000, 10_000)
-FILES_A_PAGE = 5
 
 
 def timed(loops: int, name: str, wiki: Wiki) -> float:
@@ -27,7 +26,7 @@ def timed(loops: int, name: str, wiki: Wiki) -> float:
 def main() -> None:
     runner = pyperf.Runner(processes=3, values=2, loops=1)
     for pages in SIZES:
-        wiki = generate(pages, FILES_A_PAGE)
+        wiki = generate(pages)
         for name in WHOLE:
             runner.bench_time_func(f"{name} {pages}", timed, name, wiki)
 

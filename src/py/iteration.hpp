@@ -133,29 +133,29 @@ class items {
           exact_dict_(PyDict_CheckExact(source)),
           size_(exact_dict_ ? PyDict_GET_SIZE(source) : 0),
           left_(size_) {
-      next(item_);
+      next();
     }
     PY_INLINE ~iterator() = default;
     PY_INLINE const Item& operator*() const noexcept { return item_; }
     PY_INLINE iterator& operator++() {
-      const Object old_value = std::move(item_.value),
-                   old_key = std::move(item_.key);  // die when the next one is there
-      next(item_);
+      const Object old_value = std::move(item_.value);  // dies when the next one is there, after its key
+      const Object old_key = std::move(item_.key);
+      next();
       return *this;
     }
     PY_INLINE bool operator==(std::default_sentinel_t) const noexcept { return !item_.key; }
 
    private:
-    PY_INLINE void next(Item& item) {
+    PY_INLINE void next() {
       turns_.next(where_);
-      if (exact_dict_) return next_of_dict(item);
+      if (exact_dict_) return next_of_dict();
       PyObject* pair[2];
       if (!next_pair(source_, pair, where_)) return;
-      item.key = Object(pair[0]);
-      item.value = Object(pair[1]);
+      item_.key = Object(pair[0]);
+      item_.value = Object(pair[1]);
     }
 
-    PY_INLINE void next_of_dict(Item& item) {  // with the checks of the dict's own iterator
+    PY_INLINE void next_of_dict() {  // with the checks of the dict's own iterator
       if (PyDict_GET_SIZE(source_) != size_) [[unlikely]]
         raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
       PyObject *key = nullptr, *value = nullptr;
@@ -164,8 +164,8 @@ class items {
       position_ = position;
       if (left_-- == 0) [[unlikely]]
         raise(PyExc_RuntimeError, "dictionary keys changed during iteration", where_);
-      item.key = borrow(key);
-      item.value = borrow(value);
+      item_.key = borrow(key);
+      item_.value = borrow(value);
     }
 
     PyObject* source_;

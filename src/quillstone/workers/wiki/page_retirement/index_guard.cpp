@@ -129,8 +129,8 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
   /// `set(sources) & indexed` is not empty
   static bool any_indexed(Handle sources, Handle indexed) {
     if (PyList_CheckExact(sources) && PySet_CheckExact(indexed) && all_strings(sources)) {
-      for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(sources)); ++i)
-        if (py::contains(indexed, py::borrow(PyList_GET_ITEM(static_cast<PyObject*>(sources), i)))) return true;
+      for (const Object& source : each(py::borrow(sources)))
+        if (py::contains(indexed, source)) return true;
       return false;
     }
     const Set distinct(sources);
@@ -140,9 +140,8 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
   /// Hashing plain strings runs nobody's code. The index holds what `_norm` gave, plain strings as a rule; the `__eq__`
   /// of another is asked less often than by a whole intersection.
   static bool all_strings(Handle list) {
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(static_cast<PyObject*>(list)); ++i)
-      if (!PyUnicode_CheckExact(PyList_GET_ITEM(static_cast<PyObject*>(list), i))) return false;
-    return true;
+    PyObject** members = static_cast<PyListObject*>(list)->ob_item;
+    return std::all_of(members, members + Py_SIZE(list), [](PyObject* member) { return PyUnicode_CheckExact(member); });
   }
 };
 

@@ -1,5 +1,6 @@
 """Where the module does by itself what the interpreter does for Python code: errors, `with`, loops, generators."""
 
+import _thread
 import functools
 import gc
 import io
@@ -16,6 +17,7 @@ from pathlib import Path
 
 import pytest
 
+import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 
@@ -243,6 +245,79 @@ def test_a_long_loop_lets_signals_in(monkeypatch):
     finally:
         signal.signal(signal.SIGALRM, before)
     assert next(numbers) < many  # in the middle of the loop, not after it
+
+
+def test_many_children_let_signals_in(monkeypatch):
+    monkeypatch.setattr(page_retirement, "_norm", _thread.interrupt_main)  # a signal by its number
+    last = iter([signal.SIGALRM])
+    rows = {"first": {"source_files": [signal.SIGALRM]}, "other": {}, "last": {"source_files": last}}
+    before = signal.signal(signal.SIGALRM, raising(Fault()))
+    try:
+        with pytest.raises(Fault):
+            page_retirement._judged_sources({"related_pages": ["first", *["other"] * 10_000, "last"]}, rows)
+    finally:
+        signal.signal(signal.SIGALRM, before)
+    assert list(last) == [signal.SIGALRM]  # the loop did not come that far
+
+
+def test_what_is_no_longer_used_goes_when_it_goes_in_plain_python(monkeypatch):
+    log = []
+
+    class Text(str):
+        __del__ = lambda self: log.append(f"{self}")
+
+    class Row(dict):
+        __del__ = lambda self: log.append(self["page_id"])
+
+    class Rows(dict):
+        __contains__ = lambda self, page_id: True
+        __getitem__ = lambda self, page_id: Row(page_id=f"row {page_id}", source_files=["file"])
+        items = lambda self: ((Text(f"key {i}"), Row(page_id=f"value {i}", level="note")) for i in range(2))
+
+    class Transaction:
+        __enter__ = staticmethod(lambda: log.append("enter"))
+        __exit__ = lambda self, *error: Text("answer")
+        __del__ = lambda self: log.append("transaction")
+
+    class HeldByNobody(Transaction):
+        __exit__ = staticmethod(lambda *error: None)
+
+    def scenario(rules):
+        for name, value in (("_norm", lambda path: log.append(f"norm {path}")), ("NOTE_LEVEL", "note")):
+            monkeypatch.setattr(rules, name, value, raising=False)
+        host = type("Host", (rules.PageRetirementMixin,), {})()
+        listed = ([{"path": "p"}], *map(Text, ("more", "limit", "total")))
+        answers = [listed]
+        del listed
+        host.repository = types.SimpleNamespace(
+            list_indexed_files=lambda **keywords: answers.pop(),
+            db=types.SimpleNamespace(),
+            delete_wiki_page=lambda branch, page_id: False,
+        )
+        host.branch = "main"
+        rules._judged_sources({"related_pages": (Text(f"child {i}") for i in range(3))}, Rows())
+        host._indexed_paths()
+        host._indexed_paths, host._notes_whose_file_is_gone = lambda: {"p"}, lambda existing: set()
+        host._retired_page_ids(Rows(), set())
+        host._retired_page_ids, host._carry_into_successors = lambda *args: set(), lambda *args: {}
+        for host.repository.db.transaction in (Transaction, HeldByNobody):
+            host._prune_retired_pages({}, set())
+        seen = log.copy()
+        log.clear()
+        return seen
+
+    assert scenario(page_retirement) == scenario(oracle)
+
+
+def test_a_callee_that_does_not_keep_to_the_protocol(monkeypatch):
+    _testcapi = pytest.importorskip("_testcapi")
+    for callee in (_testcapi.return_null_without_error, _testcapi.return_result_with_error):
+        monkeypatch.setattr(page_retirement, "_norm", lambda path: path)
+        monkeypatch.setattr(page_retirement, "_judged_sources", callee)
+        host = simple()
+        host._indexed_paths = callee
+        with pytest.raises(SystemError, match="returned"):
+            PageRetirementMixin._retired_page_ids(host, {}, set())
 
 
 def test_a_thread_that_the_interpreter_ends_does_not_take_the_process_along():

@@ -8,13 +8,16 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test lint bench bench-check format install-into clean
+.PHONY: demo test torture lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
 
 test: $(VENV)/test.stamp
-	$(BIN)/python -m pytest $(TESTS)
+	$(BIN)/python -m pytest -m "not long" $(TESTS)
+
+torture: $(VENV)/test.stamp  ## the tests that take minutes: failures at every step, kills, allocation failures
+	$(BIN)/python -m pytest -m long $(TESTS)
 
 lint: $(VENV)/lint.stamp
 	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format --dry-run --Werror

@@ -1,6 +1,38 @@
+import re
+from collections import Counter
+from pathlib import Path
+
 import pytest
 
 from wikis import Wiki
+
+FIGURES = pytest.StashKey[Counter]()
+
+
+def pytest_addoption(parser):
+    parser.addoption("--figures", type=Path, help="a document whose table rows `| name | figure |` are brought up to date")
+
+
+def pytest_configure(config):
+    config.stash[FIGURES] = Counter()
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    for name, figure in config.stash[FIGURES].items():
+        terminalreporter.write_line(f"{name}: {figure:,}")
+    if document := config.getoption("figures"):
+        text = document.read_text("utf-8")
+        for name, figure in config.stash[FIGURES].items():
+            text, found = re.subn(rf"^\| {re.escape(name)} \|.*\|$", f"| {name} | {figure:,} |", text, flags=re.MULTILINE)
+            if not found:
+                terminalreporter.write_line(f"{document} has no row for: {name}", red=True)
+        document.write_text(text, "utf-8")
+
+
+@pytest.fixture
+def figures(pytestconfig):
+    """What was tried, by name, counted over the run and told at its end: `figures["kills survived"] += 1`."""
+    return pytestconfig.stash[FIGURES]
 
 
 @pytest.fixture

@@ -14,20 +14,46 @@ Object file_name(Where where) {
   return steal(PyUnicode_FromFormat("<%s>", slash ? slash + 1 : file));
 }
 
+/// Instructions of the interpreter, in the order of their execution.
+class Assembly {
+ public:
+  void emit(int operation, std::size_t argument = 0) {
+    *end_++ = static_cast<char>(operation);
+    *end_++ = static_cast<char>(argument);
+  }
+  Object bytes() const { return steal(PyBytes_FromStringAndSize(code_, end_ - code_)); }
+
+ private:
+  char code_[32];
+  char* end_ = code_;
+};
+
+template <class... Text>
+Object strings(const Text*... text) {
+  return steal(PyTuple_Pack(sizeof...(text), string(text).get()...));
+}
+
+/// A code object whose lines are all that of `where`.
+Object code_of(const char* name, int arity, int stack, int flags, Handle bytecode, Handle constants, Handle variables,
+               Where where) {
+  const Object nothing = steal(PyTuple_New(0));
+  const char line_table[] = {static_cast<char>(PyBytes_GET_SIZE(static_cast<PyObject*>(bytecode))), 0};
+  const Object lines = steal(PyBytes_FromStringAndSize(line_table, sizeof line_table));
+  const auto variable_count = static_cast<int>(PyTuple_GET_SIZE(static_cast<PyObject*>(variables)));
+  return steal(reinterpret_cast<PyObject*>(PyCode_NewWithPosOnlyArgs(
+      arity, 0, 0, variable_count, stack, flags, bytecode, constants, nothing.get(), variables, nothing.get(),
+      nothing.get(), file_name(where).get(), string(name).get(), static_cast<int>(where.line()), lines.get())));
+}
+
 }  // namespace
 
 Object bytecode_of(std::size_t arity) {
-  char code[2 * (Bytecodes::most_parameters + 3)];
-  char* end = code;
-  const auto emit = [&end](int operation, std::size_t argument) {
-    *end++ = static_cast<char>(operation);
-    *end++ = static_cast<char>(argument);
-  };
-  emit(LOAD_CONST, 1);
-  for (std::size_t i = 0; i < arity; ++i) emit(LOAD_FAST, i);
-  emit(CALL_FUNCTION, arity);
-  emit(RETURN_VALUE, 0);
-  return steal(PyBytes_FromStringAndSize(code, end - code));
+  Assembly code;
+  code.emit(LOAD_CONST, 1);
+  for (std::size_t i = 0; i < arity; ++i) code.emit(LOAD_FAST, i);
+  code.emit(CALL_FUNCTION, arity);
+  code.emit(RETURN_VALUE);
+  return code.bytes();
 }
 
 Object code_over(const Signature& signature, Handle bytecode, Handle shell) {
@@ -35,13 +61,29 @@ Object code_over(const Signature& signature, Handle bytecode, Handle shell) {
   const Object variables = steal(PyTuple_New(arity));
   for (int i = 0; i < arity; ++i) PyTuple_SET_ITEM(variables.get(), i, string(signature.parameters[i].name).release());
   const Object constants = steal(PyTuple_Pack(2, string(signature.doc).get(), static_cast<PyObject*>(shell)));
-  const Object nothing = steal(PyTuple_New(0));
-  const char line_table[] = {static_cast<char>(PyBytes_GET_SIZE(static_cast<PyObject*>(bytecode))), 0};  // one line
-  const Object lines = steal(PyBytes_FromStringAndSize(line_table, sizeof line_table));
-  return steal(reinterpret_cast<PyObject*>(
-      PyCode_NewWithPosOnlyArgs(arity, 0, 0, arity, arity + 1, code_flags, bytecode, constants.get(), nothing.get(),
-                                variables.get(), nothing.get(), nothing.get(), file_name(signature.where).get(),
-                                string(signature.name).get(), static_cast<int>(signature.where.line()), lines.get())));
+  return code_of(signature.name, arity, arity + 1, code_flags, bytecode, constants, variables, signature.where);
+}
+
+Object generator_code(const char* name, Where where) {
+  enum Variable { members, function, member };
+  constexpr std::size_t loop = 3, end = 11;  // by instructions
+  Assembly code;
+  code.emit(GEN_START);
+  code.emit(LOAD_FAST, members);
+  code.emit(GET_ITER);
+  code.emit(FOR_ITER, end - (loop + 1));
+  code.emit(STORE_FAST, member);
+  code.emit(LOAD_FAST, function);
+  code.emit(LOAD_FAST, member);
+  code.emit(CALL_FUNCTION, 1);
+  code.emit(YIELD_VALUE);
+  code.emit(POP_TOP);
+  code.emit(JUMP_ABSOLUTE, loop);
+  code.emit(LOAD_CONST, 0);
+  code.emit(RETURN_VALUE);
+  const Object constants = steal(PyTuple_Pack(1, Py_None));
+  return code_of(name, 2, 3, CO_OPTIMIZED | CO_NEWLOCALS | CO_GENERATOR | CO_NOFREE, code.bytes(), constants,
+                 strings("members", "function", "member"), where);
 }
 
 Object function_over(const Signature& signature, Handle code, Handle globals, Handle qualified_name) {

@@ -39,6 +39,9 @@ inline constexpr int code_flags = CO_OPTIMIZED | CO_NEWLOCALS | CO_NOFREE | CO_F
 Object bytecode_of(std::size_t arity);
 /// The code object of a function, which calls its shell.
 Object code_over(const Signature& signature, Handle bytecode, Handle shell);
+/// The code of a generator: `for member in members: yield function(member)`, assembled since the interpreter's compiler
+/// corrupts its heap when memory runs out.
+Object generator_code(const char* name, Where where = Where::current());
 /// The function over `code` in the namespace `globals`, with defaults and annotations.
 Object function_over(const Signature& signature, Handle code, Handle globals, Handle qualified_name);
 

@@ -159,16 +159,7 @@ struct PageText {
 
 }  // namespace
 
-Object State::make_pairs_code() {
-  // A generator of the interpreter's own kind: lazy, closable, and a StopIteration in it becomes a RuntimeError.
-  constexpr const char* source = "def pairs(ids, pair):\n for id in ids: yield pair(id)\n";
-  PyObject* compiled = Py_CompileString(source, "<carry.cpp>", Py_file_input);
-  if (compiled == nullptr && !PyErr_Occurred()) PyErr_NoMemory();  // which the compiler may forget to say
-  const Object body = py::steal(compiled);
-  const Object constants = py::attr(body, py::Name("co_consts"));
-  const Object code = py::item(constants, py::integer(0));
-  return py::method(code, py::Name("replace")).with_keywords(keywords("co_name"), py::Name("<genexpr>"));
-}
+Object State::make_pairs_code() { return py::generator_code("<genexpr>"); }
 
 const py::MakeFunction carry_into_successors = &py::Function<State, CarryIntoSuccessors>::make;
 const py::MakeFunction page_text = &py::Function<State, PageText>::make;

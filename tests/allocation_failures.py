@@ -1,11 +1,10 @@
-"""Fails every allocation of the module's work, one after the other: `python allocation_failures.py module|oracle WORK FIRST`.
+"""Fails every allocation of a piece of work in turn: `python allocation_failures.py module|oracle WORK FIRST`.
 
 A process of its own, since an interpreter without memory may go down. Says which one fails and what went wrong.
 """
 
 import _imp
 import _testcapi
-import array
 import contextlib
 import gc
 import itertools
@@ -15,6 +14,7 @@ import sys
 from types import SimpleNamespace
 
 import oracle
+from leaks import growth
 from quillstone.workers.wiki import page_retirement
 
 COLLABORATORS = {
@@ -107,6 +107,7 @@ def scenarios(rules):
 def attempt(prepare, start, stop):
     """What the work gives when the allocations from `start` to `stop` fail: a result, "no memory", or a fault."""
     work = prepare()
+    gc.collect()  # empties the free lists
     _testcapi.set_nomemory(start, stop)
     try:
         result = work()
@@ -120,16 +121,6 @@ def attempt(prepare, start, stop):
     return result
 
 
-def leaked(prepare, start):
-    """Blocks that are not given back, time after time."""
-    counts = array.array("q", [0] * 12)
-    for i in range(len(counts)):  # caches and free lists fill at first
-        attempt(prepare, start, start + 1)
-        gc.collect()
-        counts[i] = sys.getallocatedblocks()
-    return min(after - before for before, after in itertools.pairwise(counts))
-
-
 def sweep(prepare, first):
     say = lambda **what: print(json.dumps(what), flush=True)
     expected = [attempt(prepare, 10**6, 0) for _ in range(3)][-1]
@@ -138,8 +129,8 @@ def sweep(prepare, first):
         result = attempt(prepare, start, start + 1)
         if result not in (expected, "no memory"):
             say(fault=str(result), allocation=start)
-        if (blocks := leaked(prepare, start)) > 0:
-            say(fault=f"{blocks} blocks leaked", allocation=start)
+        if kept := growth(lambda start=start: attempt(prepare, start, start + 1), turns=8)[0]:
+            say(fault=f"{kept} blocks kept", allocation=start)
         if attempt(prepare, start, 0) == expected:
             return
 

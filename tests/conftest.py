@@ -10,7 +10,7 @@ FIGURES = pytest.StashKey[Counter]()
 
 
 def pytest_addoption(parser):
-    parser.addoption("--figures", type=Path, help="a document whose table rows `| name | figure |` are brought up to date")
+    parser.addoption("--figures", type=Path, help="a document with table rows `| name | figure |`, to be rewritten")
 
 
 def pytest_configure(config):
@@ -23,7 +23,9 @@ def pytest_terminal_summary(terminalreporter, config):
     if document := config.getoption("figures"):
         text = document.read_text("utf-8")
         for name, figure in config.stash[FIGURES].items():
-            text, found = re.subn(rf"^\| {re.escape(name)} \|.*\|$", f"| {name} | {figure:,} |", text, flags=re.MULTILINE)
+            text, found = re.subn(
+                rf"^\| {re.escape(name)} \|.*\|$", f"| {name} | {figure:,} |", text, flags=re.MULTILINE
+            )
             if not found:
                 terminalreporter.write_line(f"{document} has no row for: {name}", red=True)
         document.write_text(text, "utf-8")

@@ -29,13 +29,13 @@ def sweep(rules, work):
 @pytest.mark.parametrize("work", ["body", *WORK])
 def test_any_allocation_may_fail(work, figures):
     failed, faults = sweep("module", work)
-    assert failed > 5 and faults == []
+    assert failed > 3 and faults == []
     figures["allocations failed"] += failed
 
 
 @pytest.mark.parametrize("work", WORK)
 def test_what_the_interpreter_makes_of_it_in_plain_python(work, figures):
-    figures["faults of the interpreter, out of memory in the same rules in plain Python"] += len(sweep("oracle", work)[1])
+    figures["faults of the interpreter, in plain Python"] += len(sweep("oracle", work)[1])
 
 
 def test_memory_that_cplusplus_cannot_get():

@@ -126,7 +126,8 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
     """A page's authored prose: its file's text without the generated block and the title line right above that.
 
     Args:
-        text: the page file's text; where that is None or blank, the cached prose stands for it.
+        text: the page file's text; where that is None or blank, the cached prose stands for it. Where it holds carried
+            sections alone, which a replan that failed may have left in a blank file, they follow the cached prose.
         row: the page row; a title line is the page's own only as the row spells it.
     """
     if text is None or not text.strip():
@@ -141,7 +142,9 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
         generated = True
         if pieces and pieces[-1].rstrip("\n").rpartition("\n")[2] == title_line:
             pieces.append(pieces.pop().rstrip("\n").removesuffix(title_line))
-    return join_prose(pieces)
+    prose = join_prose(pieces)
+    own, sections = split_carried(prose)
+    return prose if own or not sections else with_carried(cached_prose(row), sections).strip("\n")
 
 
 def page_title_line(title: str) -> str:

@@ -35,7 +35,8 @@ class PageRetirementMixin:
             deleted = [pid for pid in sorted(deletes) if self.repository.delete_wiki_page(self.branch, pid)]
             completed = True
         if not completed:
-            raise RuntimeError
+            raise RuntimeError("the store's transaction swallowed an exception, so what it committed is unknown: "
+                               "no page file is removed")
         for pid in deleted:
             with contextlib.suppress(OSError):
                 (self.pages_dir / f"{pid}.md").unlink(missing_ok=True)

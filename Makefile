@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test torture lint bench bench-check format install-into clean
+.PHONY: demo test torture sanitize lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -18,6 +18,27 @@ test: $(VENV)/test.stamp
 
 torture: $(VENV)/test.stamp  ## the tests that take minutes: failures at every step, kills, allocation failures
 	$(BIN)/python -m pytest -m long $(TESTS)
+
+# The module built another way, found before the installed one.
+build/%/quillstone: $(VENV)/test.stamp $(MODULE)
+	$(BIN)/cmake -S . -B build/$* -G Ninja -DCMAKE_BUILD_TYPE=$* -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
+	$(BIN)/cmake --build build/$*
+	$(BIN)/cmake --install build/$* --prefix build/$* >/dev/null
+	@touch $@
+
+SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 \
+	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" $(BIN)/python
+SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_strange.py
+
+sanitize: build/Sanitize/quillstone  ## the suite and the sweeps under AddressSanitizer and UndefinedBehaviorSanitizer
+	$(SANITIZED) -m pytest -m "not long" $(TESTS)
+	$(SANITIZED) -m pytest -m long $(SWEEPS)
+
+coverage: build/Coverage/quillstone $(VENV)/coverage.stamp  ## which lines and branches of the C++ the suite and the sweeps run
+	find build/Coverage -name '*.gcda' -delete
+	PYTHONPATH=build/Coverage $(BIN)/python -m pytest -m "not long" $(TESTS)
+	PYTHONPATH=build/Coverage $(BIN)/python -m pytest -m long $(SWEEPS)
+	$(BIN)/gcovr
 
 lint: $(VENV)/lint.stamp
 	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format --dry-run --Werror

@@ -1,6 +1,7 @@
 """Out of memory, one allocation at a time and in C++: a MemoryError, nothing half done, nothing leaked, no crash."""
 
 import json
+import os
 import subprocess
 import sys
 import textwrap
@@ -38,6 +39,7 @@ def test_what_the_interpreter_makes_of_it_in_plain_python(work, figures):
     figures["faults of the interpreter, in plain Python"] += len(sweep("oracle", work)[1])
 
 
+@pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""), reason="a sanitizer takes more than any limit")
 def test_memory_that_cplusplus_cannot_get():
     program = """
         import resource

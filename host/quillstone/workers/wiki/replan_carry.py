@@ -142,9 +142,9 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
         generated = True
         if pieces and pieces[-1].rstrip("\n").rpartition("\n")[2] == title_line:
             pieces.append(pieces.pop().rstrip("\n").removesuffix(title_line))
-    prose = join_prose(pieces)
+    prose, cached = join_prose(pieces), cached_prose(row)
     own, sections = split_carried(prose)
-    return prose if own or not sections else with_carried(cached_prose(row), sections).strip("\n")
+    return with_carried(cached, sections).strip("\n") if sections and cached and not own else prose
 
 
 def page_title_line(title: str) -> str:

@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test torture sanitize lint bench bench-check format install-into clean
+.PHONY: demo test torture sanitize coverage lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -94,6 +94,6 @@ $(VENV)/demo.stamp: requirements/demo.txt host/pyproject.toml $(VENV)/module.sta
 	$(BIN)/pip install --quiet --no-build-isolation --no-deps -e host
 	@touch $@
 
-$(VENV)/bench.stamp $(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
+$(VENV)/bench.stamp $(VENV)/coverage.stamp $(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
 	$(BIN)/pip install --quiet -r $<
 	@touch $@

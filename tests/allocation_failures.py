@@ -11,7 +11,7 @@ import itertools
 import json
 import logging
 import sys
-from types import SimpleNamespace
+import types
 
 import oracle
 from leaks import growth
@@ -22,7 +22,7 @@ COLLABORATORS = {
     "merged_predecessors": lambda remap: {"kept": ["merged", "index"], "one": ["merged"]},
     "carried_sections": lambda pairs: [prose for _, prose in pairs], "page_prose": lambda text, row: row["page_id"],
     "cached_prose": lambda row: "cached", "with_carried": lambda text, sections: text.join(sections) + text,
-    "json": SimpleNamespace(dumps=lambda cache, ensure_ascii: "{}"),
+    "json": types.SimpleNamespace(dumps=lambda cache, ensure_ascii: "{}"),
 }  # fmt: skip
 
 
@@ -90,6 +90,14 @@ def scenarios(rules):
 
         return prepare
 
+    judged = types.FunctionType(rules._judged_sources.__code__, {"__builtins__": {}})
+
+    def nameless(*arguments):
+        try:
+            return judged(*arguments)
+        except NameError:
+            return "no such name"
+
     def body():
         module = _imp.create_dynamic(page_retirement.__spec__)
         return lambda: _imp.exec_dynamic(module) or vars(module).keys() - vars(page_retirement).keys()
@@ -97,6 +105,7 @@ def scenarios(rules):
     if rules is page_retirement:
         yield "body", body
     yield "judged sources", lambda: lambda: rules._judged_sources({"related_pages": ["kept", "merged"]}, snapshot)
+    yield "missing name", lambda: lambda: nameless({"source_files": ["a"]}, {})
     yield "selection", prepared(lambda host: host._retired_page_ids(snapshot, PLAN))
     yield "carry", prepared(lambda host: host._carry_into_successors(REMAP, {"merged", "index", "é"}))
     yield "upsert", prepared(lambda host: host._upsert_successor("new", ROWS[0], ["f"], ["section"]))

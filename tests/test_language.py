@@ -1,6 +1,7 @@
 """Where the module does by itself what the interpreter does for Python code: errors, `with`, loops, generators."""
 
 import _thread
+import contextlib
 import functools
 import gc
 import io
@@ -223,15 +224,75 @@ def test_a_str_made_the_old_way_is_a_str_all_the_same():
     assert select(pages, lambda page_id: False) == {"page", "none"}
 
 
-def test_unpacking_the_index():
-    for listed, text in [
-        (7, "cannot unpack non-iterable int object"),
-        ((1, 2, 3), "not enough values to unpack (expected 4, got 3)"),
-        (iter(range(5)), "too many values to unpack (expected 4)"),
-    ]:
-        with pytest.raises((TypeError, ValueError)) as caught:
-            simple(list_indexed_files=lambda listed=listed, **keywords: listed)._indexed_paths()
-        assert str(caught.value) == text
+class Colliding(str):
+    """A key that meets every look-up of "title" and cannot be compared."""
+
+    __hash__ = lambda self: hash("title")
+    __eq__ = raising(Fault())
+
+
+ODD = [
+    *({"listed": value} for value in (7, (1, 2, 3), range(5), [[], 2, 3, 4], ([{}], 1, 2, 3), {1, 2})),
+    *(
+        {"listed": type("Odd", (), {"__iter__": value})()}
+        for value in (None, raising(TypeError("t")), raising(Fault()))
+    ),
+    *({"json": value} for value in (types.ModuleType.__new__(types.ModuleType), types.SimpleNamespace(dumps=None))),
+    *({"successors": {"é": value}} for value in (7, (1, 2), [{}, [], []], range(4), ({"title": "T"}, [], ["s"]))),
+    *({"successors": types.SimpleNamespace(items=lambda v=value: v)} for value in ([7], [("n",)], ["npq"], 7)),
+    *({"transaction": value} for value in (7, type("Half", (), {"__enter__": print}), contextlib.nullcontext)),
+    *({"successors": {"n": (row, [], [])}} for row in ({Colliding("x"): 1}, {"build_cache": 7}, 7)),
+    *({"plan": value} for value in (["p"], type("Row", (), {"__getitem__": lambda self, i: ["p"][i]})(), 7, range(3))),
+    *({"NOTE_LEVEL": value} for value in (7, type("Text", (str,), {})("module"), None)),
+    *({"level": value} for value in (7, type("Text", (str,), {})("note"), ["note"], "nota")),
+]
+
+
+@pytest.mark.parametrize("odd", ODD, ids=lambda odd: "-".join(odd))
+def test_values_of_other_types(odd, monkeypatch):
+    def outcome(rules):
+        calls, host = [], type("Host", (rules.PageRetirementMixin,), {})()
+        host._carry_into_successors = lambda *args: odd.get("successors", {"n": ({}, [], [])})
+        host._notes_whose_file_is_gone = lambda existing: set()
+        host.branch = "main"
+        host.repository = types.SimpleNamespace(
+            list_indexed_files=lambda **keywords: odd.get("listed", ([{"path": "a"}], 0, 0, 0)),
+            db=types.SimpleNamespace(transaction=odd.get("transaction", contextlib.nullcontext)),
+            delete_wiki_page=lambda *args: calls.append(args),
+            upsert_wiki_page=lambda *args, **fields: calls.append((args, fields)),
+        )
+        names = {"NOTE_LEVEL": "note", "_norm": str, "with_carried": max, "cached_prose": repr, "json": json}
+        for name, value in names.items():
+            monkeypatch.setattr(rules, name, odd.get(name, value), raising=False)
+        rows = {"p": {"level": odd.get("level", "module")}, "q": {"level": "note"}}
+        try:
+            return host._prune_retired_pages(rows, odd.get("plan", set())), calls
+        except Exception as error:
+            return type(error), str(error), calls
+
+    assert outcome(page_retirement) == outcome(oracle)
+
+
+def test_namespaces_of_other_types():
+    class Changing(str):
+        """A key that meets every look-up of "_norm" and changes what is looked through."""
+
+        __hash__ = lambda self: hash("_norm")
+
+        def __eq__(self, other):
+            if left:
+                space.update({f"{len(space)}": 1, "_norm": left.pop()})
+            return False
+
+    page, outcomes = {"source_files": ["aB", "bC", "cD", "dE"]}, []
+    for code in (page_retirement._judged_sources.__code__, oracle._judged_sources.__code__):
+        left = []
+        space = {Changing("key"): 0, "_norm": str.title}
+        left += [str.lower, str.upper, str.swapcase] * 2
+        outcomes.append(types.FunctionType(code, space)(page, {}))
+        builtins = type("Builtins", (dict,), {})(_norm=str.upper)
+        outcomes[-1] += types.FunctionType(code, {"__builtins__": builtins})(page, {})
+    assert outcomes[0] == outcomes[1]
 
 
 def test_a_long_loop_lets_signals_in(monkeypatch):

@@ -105,6 +105,17 @@ def test_code_and_defaults_can_be_assigned():
         assert Host()._prune_retired_pages("one", "two", "three") == ("replaced", "three")
         prune.__code__ = code.replace(co_flags=code.co_flags | inspect.CO_GENERATOR)
         assert inspect.isgenerator(Host()._prune_retired_pages("one", "two", "three"))
+        for changed in (code.replace(co_argcount=3), code.replace(co_argcount=3, co_kwonlyargcount=1)):
+            prune.__code__ = changed
+            with pytest.raises(TypeError, match="3 positional arguments but 4"):
+                Host()._prune_retired_pages("one", "two", "three")
+        prune.__code__ = (lambda *all: all).__code__
+        assert Host()._prune_retired_pages("one", "two", "three")[1:] == ("one", "two", "three")
+        prune.__code__ = code.replace(co_consts=(None, max))
+        with pytest.raises(TypeError, match="'>' not supported"):
+            Host()._prune_retired_pages("one", "two", "three")
+        prune.__code__ = code.replace(co_code=(lambda a, b, c, d: a).__code__.co_code)
+        assert isinstance(Host()._prune_retired_pages("one", "two", "three"), Host)
     finally:
         prune.__code__, prune.__defaults__ = code, defaults
     judged = page_retirement._judged_sources
@@ -155,6 +166,44 @@ def test_a_failed_import_leaves_nothing_and_a_second_try_succeeds(fresh, monkeyp
             fresh()
         assert caught.value is error and NAME not in sys.modules
     assert fresh() is importlib.import_module(NAME)
+
+
+def stand_in(**attributes):
+    """A sibling module with these attributes; None takes one away."""
+    module = types.ModuleType("quillstone.workers.wiki_types")
+    vars(module).update(attributes)
+    for name in [name for name, value in attributes.items() if value is None]:
+        delattr(module, name)
+    return module
+
+
+ODD_SIBLINGS = [
+    {"__name__": name, "__file__": file, "__spec__": types.SimpleNamespace(name="n", _initializing=initializing)}
+    for name in ("n", 7, None) for file in ("f.py", None) for initializing in (True, False)
+    if name or not file  # the interpreter forgets an error there
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("odd", [*ODD_SIBLINGS, {"__name__": "os"}, {"__getattr__": lambda name: 1 / 0}, None, 7])
+def test_an_odd_sibling_fails_the_import_as_an_import_statement_does(fresh, monkeypatch, odd):
+    sibling = stand_in(**odd) if isinstance(odd, dict) else odd
+    monkeypatch.setitem(sys.modules, "quillstone.workers.wiki_types", sibling)
+    outcomes = []
+    for attempt in (fresh, lambda: exec("from quillstone.workers.wiki_types import NOTE_LEVEL", {})):
+        with pytest.raises((ImportError, ArithmeticError)) as failure:
+            attempt()
+        error = failure.value
+        outcomes.append((type(error), str(error), getattr(error, "name", None), getattr(error, "path", None)))
+    assert outcomes[0] == outcomes[1]
+
+
+def test_what_an_import_finds(fresh, monkeypatch):
+    monkeypatch.setitem(sys.modules, "quillstone.workers.wiki_types", stand_in(__name__="parent"))
+    monkeypatch.setitem(sys.modules, "parent.NOTE_LEVEL", "a submodule that its package does not know yet")
+    assert fresh().NOTE_LEVEL.startswith("a submodule")
+    monkeypatch.delattr("builtins.__import__")
+    with pytest.raises(ImportError, match="__import__ not found"):
+        fresh()
 
 
 def test_an_old_module_is_freed(fresh):

@@ -21,9 +21,9 @@ namespace {
 
 /// The attribute, or none: what goes wrong while an error is being worded gives way to that error.
 Object optional_attr(Handle object, const char* name) {
-  Object value(PyObject_GetAttrString(object, name));
-  if (!value) PyErr_Clear();
-  return value;
+  PyObject* value = PyObject_GetAttrString(object, name);
+  if (value == nullptr) PyErr_Clear();
+  return Object(value);
 }
 
 [[noreturn]] void cannot_import(Handle module, Handle name, Where where) {

@@ -72,7 +72,8 @@ ROWS = [
         ("note", [], "note"), ("seed", [], "module"),
     ]
 ]  # fmt: skip
-REMAP, PLAN = {"new": "seed", "kept": "merged"}, {"kept", "new"}
+ROWS[-1] = types.MappingProxyType(ROWS[-1])
+REMAP, PLAN = {"néw": "seed", "kept": "merged"}, {"kept", "néw"}
 
 
 def scenarios(rules):
@@ -98,6 +99,10 @@ def scenarios(rules):
         except NameError:
             return "no such name"
 
+    guard = rules.PageRetirementMixin._retired_only_because_the_index_is_behind
+    sources = {"_judged_sources": lambda page, existing: ("a.py", "b.py")}
+    general = types.FunctionType(guard.__code__, {**vars(rules), **sources})
+
     def body():
         module = _imp.create_dynamic(page_retirement.__spec__)
         return lambda: _imp.exec_dynamic(module) or vars(module).keys() - vars(page_retirement).keys()
@@ -106,6 +111,7 @@ def scenarios(rules):
         yield "body", body
     yield "judged sources", lambda: lambda: rules._judged_sources({"related_pages": ["kept", "merged"]}, snapshot)
     yield "missing name", lambda: lambda: nameless({"source_files": ["a"]}, {})
+    yield "guard", prepared(lambda host: general(host, "é", {}, frozenset({"c.py"}), snapshot))
     yield "selection", prepared(lambda host: host._retired_page_ids(snapshot, PLAN))
     yield "carry", prepared(lambda host: host._carry_into_successors(REMAP, {"merged", "index", "é"}))
     yield "upsert", prepared(lambda host: host._upsert_successor("new", ROWS[0], ["f"], ["section"]))

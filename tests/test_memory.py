@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 SWEEP = Path(__file__).parent / "allocation_failures.py"
-WORK = ["judged sources", "missing name", "selection", "carry", "upsert", "prune", "replan"]
+WORK = ["judged sources", "missing name", "guard", "selection", "carry", "upsert", "prune", "replan"]
 
 
 def sweep(rules, work):

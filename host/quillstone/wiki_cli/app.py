@@ -142,7 +142,7 @@ def show(
         rows = generator.stored_pages()
         if not page:
             facts = [{name: row[name] for name in ("page_id", "title", "level", "status")} for row in rows.values()]
-            say(as_json, facts, reports.page_list(facts))
+            say(as_json, facts, reports.page_list(facts, generator.files_without_rows()))
             return
         if page not in rows:
             raise HostError(f"no page {page!r} is stored; `quillstone-wiki show` lists the pages")

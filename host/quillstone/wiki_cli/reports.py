@@ -16,12 +16,22 @@ from quillstone.workers.wiki.replan import ReplanOutcome
 EXAMPLES = 3
 
 
-def page_list(facts: Iterable[Mapping[str, str]]) -> Table:
-    """A table of pages: id, title, level, status."""
+def page_list(facts: Iterable[Mapping[str, str]], files_without_rows: list[str]) -> RenderableType:
+    """A table of pages: id, title, level, status; and the files of none."""
     table = Table("Page", "Title", "Level", "Status")
     for row in facts:
         table.add_row(*(Text(value) for value in row.values()))
-    return table
+    return Group(table, *stray_files(files_without_rows))
+
+
+def stray_files(page_ids: list[str]) -> list[RenderableType]:
+    """What to do about page files that belong to no stored page; nothing where there are none."""
+    if not page_ids:
+        return []
+    names = ", ".join(f"{page_id}.md" for page_id in page_ids)
+    return [
+        Text(f"Files in pages/ without a stored page, of a run that was killed or your own; keep or delete: {names}")
+    ]
 
 
 def outcome_kinds(outcome: ReplanOutcome) -> dict[str, list[str]]:
@@ -46,7 +56,8 @@ def outcome_report(outcome: ReplanOutcome, title: str) -> RenderableType:
     warnings = Table("Warnings of the prune")
     for message in outcome.warnings or ["none"]:
         warnings.add_row(Text(message))
-    return Group(table, warnings, f"{outcome.deleted} stored pages deleted; the prune took {outcome.seconds:.3f} s.")
+    summary = f"{outcome.deleted} stored pages deleted; the prune took {outcome.seconds:.3f} s."
+    return Group(table, warnings, *stray_files(outcome.files_without_rows), summary)
 
 
 def demo_report(result: DemoResult) -> RenderableType:

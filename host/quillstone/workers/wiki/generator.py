@@ -20,7 +20,7 @@ from quillstone.workers.wiki.replan_carry import (
     split_carried,
     text_digest,
 )
-from quillstone.workers.wiki.repo_facts import _atomic_write, _norm
+from quillstone.workers.wiki.repo_facts import _atomic_write, _norm, sweep_temporary_files
 from quillstone.workers.wiki.source_tree import file_record, list_files
 from quillstone.workers.wiki.wiki_lock import WikiLock
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan
@@ -50,6 +50,12 @@ class WikiWorkspace:
     def stored_pages(self) -> Rows:
         """The branch's page rows by page id."""
         return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
+
+    def files_without_rows(self) -> list[str]:
+        """Page files that belong to no stored page, by page id: left by a run that was killed, or somebody's own."""
+        stored = {page_id for page_id, row in self.stored_pages().items() if row["level"] != NOTE_LEVEL}
+        files = {path.relative_to(self.pages_dir).as_posix() for path in self.pages_dir.rglob("*.md")}
+        return sorted({name.removesuffix(".md") for name in files} - stored)
 
 
 class TreeIndexer(WikiWorkspace):
@@ -212,6 +218,8 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
 
     def _prune_retired_pages(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str] | None = None) -> int:
         with self.lock.held():
+            for folder in (self.pages_dir, self.pages_dir.parent / "notes"):
+                sweep_temporary_files(folder)
             self._refuse_what_loses_prose({} if remap is None else remap, plan_ids)
             started = time.perf_counter()
             deleted = super()._prune_retired_pages(existing, plan_ids, remap)

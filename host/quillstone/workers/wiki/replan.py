@@ -68,6 +68,8 @@ class ReplanOutcome:
     dropped: list[str] = field(default_factory=list)
     notes_retired: list[str] = field(default_factory=list)
     notes_kept: list[str] = field(default_factory=list)
+    files_without_rows: list[str] = field(default_factory=list)
+    """page files that belong to no stored page"""
     warnings: list[str] = field(default_factory=list)
     deleted: int = 0
     seconds: float = 0.0
@@ -133,6 +135,7 @@ def run_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set
             outcome.deleted = generator.apply_replan(remap, plan_ids)
         outcome.seconds = generator.prune_seconds
         after = generator.stored_pages()
+        outcome.files_without_rows = generator.files_without_rows()
     _sort_pages(outcome, before, after, remap, plan_ids)
     return outcome
 

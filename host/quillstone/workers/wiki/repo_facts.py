@@ -43,6 +43,16 @@ def _atomic_write(path: Path, text: str) -> None:
     _fsync_folder(path.parent)
 
 
+def sweep_temporary_files(folder: Path) -> None:
+    """Remove what page writers that were killed left in the folder and below it, as far as that is possible.
+
+    For whoever keeps all other writers out.
+    """
+    for leftover in folder.rglob(f".page-{'[0-9a-f]' * 16}.tmp"):
+        with contextlib.suppress(OSError):
+            leftover.unlink()
+
+
 def _fsync_folder(folder: Path) -> None:
     # The new name survives a power cut only once its folder is on the disk too.
     descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)

@@ -157,7 +157,7 @@ long = pytest.mark.long
 
 @pytest.mark.parametrize("journal", JOURNALS)
 @pytest.mark.parametrize(
-    ("families", "stride"), [(2, 9), pytest.param(8, 1, marks=long), pytest.param(30, STRIDE, marks=long)]
+    ("families", "stride"), [(2, 7), pytest.param(8, 1, marks=long), pytest.param(30, STRIDE, marks=long)]
 )
 def test_killed_between_two_steps(folder, journal, families, stride, figures):
     template = Template(folder, families, journal)

@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test torture sanitize coverage lint bench bench-check format install-into clean
+.PHONY: demo test torture test-postgres sanitize coverage lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -18,6 +18,11 @@ test: $(VENV)/test.stamp
 
 torture: $(VENV)/test.stamp  ## the tests that take minutes: failures at every step, kills, allocation failures
 	$(BIN)/python -m pytest -m long $(TESTS)
+
+test-postgres: $(VENV)/postgres.stamp  ## the demo, and each test that uses a database, on a PostgreSQL server of their own
+	$(BIN)/python tests/postgres_server.py sh -c '\
+		$(BIN)/quillstone-wiki demo --database "$$QUILLSTONE_TEST_DATABASE" && \
+		$(BIN)/python -m pytest -k postgresql $(TESTS)'
 
 # The module built another way, found before the installed one.
 build/%/quillstone: $(VENV)/test.stamp $(MODULE)
@@ -94,6 +99,7 @@ $(VENV)/demo.stamp: requirements/demo.txt host/pyproject.toml $(VENV)/module.sta
 	$(BIN)/pip install --quiet --no-build-isolation --no-deps -e host
 	@touch $@
 
-$(VENV)/bench.stamp $(VENV)/coverage.stamp $(VENV)/test.stamp $(VENV)/lint.stamp: $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
+KINDS := bench coverage lint postgres test
+$(KINDS:%=$(VENV)/%.stamp): $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
 	$(BIN)/pip install --quiet -r $<
 	@touch $@

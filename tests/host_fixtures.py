@@ -15,13 +15,19 @@ def tree(tmp_path):
     return write_files(tmp_path / "tree", SOURCES)
 
 
-@pytest.fixture(params=["sqlite", *filter(None, [os.environ.get("QUILLSTONE_TEST_DATABASE")])])
-def repository(request, tmp_path):
-    """An empty store, whatever earlier runs left in the database."""
-    url = f"sqlite:///{tmp_path / 'store.sqlite'}" if request.param == "sqlite" else request.param
-    with closing(Repository(url)) as earlier:
+@pytest.fixture(params=["sqlite", *(["postgresql"] if "QUILLSTONE_TEST_DATABASE" in os.environ else [])])
+def database(request, tmp_path):
+    """The URL of a database without tables, whatever earlier runs left in it."""
+    if request.param == "sqlite":
+        return f"sqlite:///{tmp_path / 'store.sqlite'}"
+    with closing(Repository(url := os.environ["QUILLSTONE_TEST_DATABASE"])) as earlier:
         wiki_pages.metadata.drop_all(earlier.db.engine)
-    with closing(Repository(url)) as repository:
+    return url
+
+
+@pytest.fixture
+def repository(database):
+    with closing(Repository(database)) as repository:
         yield repository
 
 

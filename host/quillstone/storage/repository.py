@@ -16,6 +16,7 @@ from quillstone.workers.wiki_types import NOTE_LEVEL
 
 SQLITE_BUSY_SECONDS = 30
 LONGEST_FILE_NAME = 255  # bytes, the limit of the common file systems
+_TURNS = 0x7175696C6C  # a number of this store's own
 _INSERT: dict[str, Any] = {"sqlite": sqlite.insert, "postgresql": postgresql.insert}
 
 
@@ -134,11 +135,14 @@ class Database:
             if self.engine.dialect.name == "sqlite":
                 sa.event.listen(self.engine, "connect", _prepare_sqlite)
                 sa.event.listen(self.engine, "begin", _begin_sqlite)
-            _metadata.create_all(self.engine)
+            self._threads = threading.local()
+            if _metadata.tables.keys() - set(sa.inspect(self.engine).get_table_names()):
+                with self.transaction() as connection:
+                    take_turns(connection)
+                    _metadata.create_all(connection)
         except (sa.exc.SQLAlchemyError, ImportError, ValueError, TypeError) as error:
             reason = " ".join(str(getattr(error, "orig", None) or error).split())
             raise StoreError(f"cannot open the database {shown} ({reason}); check its URL") from error
-        self._threads = threading.local()
 
     @contextmanager
     def transaction(self) -> Iterator[sa.Connection]:
@@ -207,6 +211,12 @@ def _begin_sqlite(connection: sa.Connection) -> None:
     # A transaction that reads first and writes later could find itself unable to: take the write lock at once.
     writes = connection.get_execution_options().get("writes", False)
     connection.exec_driver_sql("BEGIN IMMEDIATE" if writes else "BEGIN")
+
+
+def take_turns(connection: sa.Connection) -> None:
+    """Let no other transaction that asks for its turn go on before this one ends."""
+    if connection.dialect.name == "postgresql":  # on SQLite every transaction that writes has its turn
+        connection.execute(sa.select(sa.func.pg_advisory_xact_lock(_TURNS)))
 
 
 class Repository:
@@ -320,7 +330,9 @@ class Repository:
 
     def record_indexed_files(self, records: Iterable[Mapping[str, Any]]) -> None:
         """Add to the index, or renew there, mappings of path, language, is_source, size (bytes) and digest."""
-        self._upsert(indexed_files, [dict(record) for record in records])
+        with self.db.transaction() as connection:
+            take_turns(connection)  # branches share the index: two could each wait for rows of the other
+            self._upsert(indexed_files, [dict(record) for record in records])
 
     def forget_indexed_files(self, paths: Iterable[str]) -> None:
         """Remove the files from the index; a path that it does not know is no error."""
@@ -328,6 +340,7 @@ class Repository:
         query = sa.delete(indexed_files).where(indexed_files.c.path == sa.bindparam("doomed"))
         if doomed:
             with self.db.transaction() as connection:
+                take_turns(connection)
                 connection.execute(query, doomed)
 
     def get_fact(self, branch: str, name: str) -> Any:

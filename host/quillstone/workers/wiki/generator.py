@@ -72,8 +72,8 @@ class TreeIndexer(WikiWorkspace):
         paths = list_files(self.repo_root, without=self.pages_dir.parent)
         records = [file_record(self.repo_root, path) for path in track(paths, "Indexing")]
         with self.lock.held(), self.repository.db.transaction():
-            known = {record["path"] for record in self.repository.list_indexed_files()[0]}
             self.repository.record_indexed_files(records)
+            known = {record["path"] for record in self.repository.list_indexed_files()[0]}
             self.repository.forget_indexed_files(known.difference(paths))
             self.repository.put_fact(self.branch, "tree", str(self.repo_root.resolve()))
         return sum(record["is_source"] for record in records), len(records)

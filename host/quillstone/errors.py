@@ -21,3 +21,7 @@ class TreeError(HostError):
 
 class ReplanError(HostError, ValueError):
     """A replan that cannot be applied as it stands; nothing has been changed."""
+
+
+class WikiBusyError(HostError):
+    """A wiki that another process keeps locked for longer than one waits."""

@@ -3,32 +3,85 @@
 from __future__ import annotations
 
 import fcntl
+import io
+import logging
 import os
+import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
+from quillstone.errors import WikiBusyError
+
+LONGEST_WAIT = 3600.0
+POLL_SECONDS = 0.02
+
+_logger = logging.getLogger(__name__)
+_lock_files: set[io.FileIO] = set()
+
+
+def _close_inherited() -> None:
+    # A lock lasts until the last copy of its descriptor is closed: a child's must not outlive a killed parent.
+    for file in _lock_files:
+        file.close()
+    _lock_files.clear()
+
+
+os.register_at_fork(after_in_child=_close_inherited)
+
 
 class WikiLock:
-    """Keeps other processes, and other locks in this one, out of a wiki folder; may be held more than once."""
+    """Keeps other processes, forked children and other locks in this process out of a wiki folder.
 
-    def __init__(self, wiki_dir: Path) -> None:
+    May be held more than once, by one thread. The lock ends with its process, however that ends.
+    """
+
+    def __init__(self, wiki_dir: Path, longest_wait: float = LONGEST_WAIT) -> None:
+        """Make the lock of the wiki in `wiki_dir`, whose holder is waited for up to `longest_wait` seconds."""
         self._path = wiki_dir / ".lock"
-        self._holds = 0
+        self._longest_wait = longest_wait
+        self._held: io.FileIO | None = None
 
     @contextmanager
     def held(self) -> Iterator[None]:
-        """Wait for the wiki, then keep it until the end of the block; raises `OSError`."""
-        if not self._holds:
-            self._path.parent.mkdir(parents=True, exist_ok=True)
-            self._descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o666)
-        try:
-            fcntl.flock(self._descriptor, fcntl.LOCK_EX)
-            self._holds += 1
+        """Wait for the wiki, then keep it until the end of the block; raises `WikiBusyError` and `OSError`."""
+        if self._held and not self._held.closed:
+            yield
+            return
+        self._path.parent.mkdir(parents=True, exist_ok=True)
+        with io.FileIO(str(self._path), "a+") as file:
+            _lock_files.add(file)
             try:
+                self._wait_for(file)
+                self._held = file
+                file.truncate(0)
+                file.write(b"%d\n" % os.getpid())
                 yield
             finally:
-                self._holds -= 1
-        finally:
-            if not self._holds:
-                os.close(self._descriptor)  # lets go of the lock
+                if not file.closed:  # as it is in a child that was forked in the block
+                    _lock_files.remove(file)
+                    if self._held is file:
+                        file.truncate(0)
+                self._held = None
+        # Closing the file lets go of the lock.
+
+    def _wait_for(self, file: io.FileIO) -> None:
+        deadline = time.monotonic() + max(self._longest_wait, 2 * POLL_SECONDS)
+        told, seen = False, b""
+        while True:
+            try:
+                return fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                written = os.pread(file.fileno(), 32, 0)
+            # What a killed process left stands there until the next holder has written: believe what stays.
+            holder = f"process {written.decode().strip()}" if written and written == seen else ""
+            seen = written
+            if time.monotonic() >= deadline:
+                raise WikiBusyError(
+                    f"{holder or 'another process'} still works on the wiki {str(self._path.parent)!r} after "
+                    f"{self._longest_wait:g} s; wait for its end, or end it, and run the command again"
+                )
+            if holder and not told:
+                _logger.warning("waiting for %s, which works on the wiki %r", holder, str(self._path.parent))
+                told = True
+            time.sleep(POLL_SECONDS)

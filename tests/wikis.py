@@ -1,6 +1,7 @@
 """A wiki to prune: a real store, real files, and the module's methods over them."""
 
 from quillstone.storage.repository import Repository
+from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.replan_carry import carried_sections
 
@@ -23,7 +24,7 @@ class Wiki(PageRetirementMixin):
     def page(self, page_id, prose=None, files=("indexed.py",), **row):
         prose = f"Prose of {page_id}." if prose is None else prose
         row = {"title": page_id.title(), "source_files": list(files), "build_cache": {"prose": prose}, **row}
-        self.repository.save_wiki_page(BRANCH, page_id, row.pop("title"), chunks=[prose], **row)
+        self.repository.save_wiki_page(self.branch, page_id, row.pop("title"), chunks=[prose], **row)
         self.file(page_id).write_text(prose, "utf-8")
 
     def note(self, note_id):
@@ -36,7 +37,7 @@ class Wiki(PageRetirementMixin):
         return self.pages_dir / f"{page_id}.md"
 
     def rows(self):
-        return {row["page_id"]: row for row in self.repository.get_wiki_pages(BRANCH)}
+        return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
 
     def state(self):
         return self.rows(), {file.name: file.read_text("utf-8") for file in self.pages_dir.iterdir()}
@@ -46,3 +47,9 @@ class Wiki(PageRetirementMixin):
         (section,) = carried_sections([(title or page_id.title(), f"Prose of {page_id}.")])
         cached = self.rows()[successor]["build_cache"]["prose"]
         return self.file(successor).read_text("utf-8").count(section), cached.count(section)
+
+
+class GeneratedWiki(WikiGenerator):
+    """The same over the generator of the host."""
+
+    page, file, rows, times_carried = Wiki.page, Wiki.file, Wiki.rows, Wiki.times_carried

@@ -206,16 +206,6 @@ def test_what_an_import_finds(fresh, monkeypatch):
         fresh()
 
 
-def test_an_old_module_is_freed(fresh):
-    old = fresh()
-    watched = [weakref.ref(thing) for thing in (old, old.PageRetirementMixin, old._judged_sources)]
-    assert old._judged_sources({"source_files": ["./a"]}, {}) == ["a"]
-    vars(sys.modules["quillstone.workers.wiki"])["page_retirement"] = page_retirement
-    del old, sys.modules[NAME]
-    gc.collect()
-    assert [reference() for reference in watched] == [None] * 3
-
-
 def test_subinterpreters_have_their_own_module():
     code = f"""
         import sys, types

@@ -1,0 +1,101 @@
+"""Imports, uses and drops a module many times: `python lifetimes.py imports|subinterpreters none|plain|module ROUNDS`.
+
+Prints how many bytes more the process takes with every round, and for imports how many blocks and classes are left.
+Plain Python, and nothing at all, show what the interpreter itself keeps.
+"""
+
+import gc
+import importlib
+import os
+import sys
+import types
+import weakref
+from pathlib import Path
+
+NAME = "quillstone.workers.wiki.page_retirement"
+SIBLINGS = ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.repo_facts", "workers.wiki_types")
+
+
+class Anything(types.ModuleType):
+    __getattr__ = lambda self, name: name.upper()
+
+
+def resident():
+    return int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
+
+
+def use(module):
+    """A prune that carries prose, and one that fails in the middle."""
+
+    class Page(str):
+        parent = property(lambda self: self)
+        __truediv__ = lambda self, name: Page(f"{self}/{name}")
+        is_dir = is_file = lambda self: False
+        unlink = lambda self, missing_ok: None
+
+    class Transaction:
+        __enter__ = lambda self: None
+        __exit__ = lambda self, *error: None
+
+    names = {"_norm": str, "merged_predecessors": lambda remap: {"b": ["a"]}, "page_prose": lambda text, row: "prose"}
+    names |= {"carried_sections": lambda pairs: [prose for _, prose in pairs], "cached_prose": lambda row: "cached"}
+    names |= {"with_carried": lambda text, sections: text, "_atomic_write": lambda path, text: None}
+    vars(module).update(names, NOTE_LEVEL="note")
+    host = type("Host", (module.PageRetirementMixin,), {})()
+    host.branch, host.pages_dir, host.repo_root, rows = "main", Page("pages"), Page("root"), [{"page_id": "a"}]
+    host.repository = types.SimpleNamespace(
+        get_wiki_pages=lambda branch: rows, list_indexed_files=lambda **keywords: ([{"path": "x"}], 0, 0, 0),
+        db=types.SimpleNamespace(transaction=Transaction), upsert_wiki_page=lambda *args, **fields: None,
+        delete_wiki_page=lambda branch, page_id: True,
+    )  # fmt: skip
+    assert host._apply_replan_to_store({"new": "a"}, {"new"}) == 1
+    host.repository.upsert_wiki_page = lambda *args, **fields: 1 / 0
+    try:
+        host._apply_replan_to_store({"new": "a"}, {"new"})
+    except ZeroDivisionError:
+        return
+    raise AssertionError("the store's error did not come out")
+
+
+def fresh(kind):
+    sys.modules.pop("oracle", None)
+    sys.modules.pop(NAME, None)
+    for sibling in SIBLINGS:
+        sys.modules["quillstone." + sibling] = Anything(sibling)
+    return importlib.import_module("oracle" if kind == "plain" else NAME)
+
+
+def in_subinterpreter(kind):
+    import _xxsubinterpreters as interpreters
+
+    code = f"import sys; sys.path[:] = {sys.path!r}; import lifetimes; lifetimes.use(lifetimes.fresh({kind!r}))"
+    other = interpreters.create()
+    interpreters.run_string(other, "import sys, importlib, os, pathlib, types" if kind == "none" else code)
+    interpreters.destroy(other)
+
+
+def again(kind, watched):
+    module = fresh(kind)
+    use(module)
+    watched.append(weakref.ref(module.PageRetirementMixin))
+    watched.append(weakref.ref(module._judged_sources))
+    watched[:] = [reference for reference in watched if reference() is not None]
+
+
+def main(what, kind, rounds):
+    watched, run = [], {"subinterpreters": in_subinterpreter, "imports": lambda kind: again(kind, watched)}[what]
+    for _ in range(rounds // 4):
+        run(kind)
+    gc.collect()
+    memory, blocks = resident(), sys.getallocatedblocks()
+    for _ in range(rounds):
+        run(kind)
+    sys.modules.pop(NAME, None)
+    vars(sys.modules.get("quillstone.workers.wiki", types)).pop("page_retirement", None)
+    gc.collect()
+    left = sum(reference() is not None for reference in watched)
+    print((resident() - memory) // rounds, sys.getallocatedblocks() - blocks, left)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], sys.argv[2], int(sys.argv[3]))

@@ -2,7 +2,6 @@
 
 import ast
 import copy
-import gc
 import importlib
 import inspect
 import pickle

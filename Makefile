@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test torture test-postgres sanitize coverage lint bench bench-check format install-into clean
+.PHONY: demo test torture test-postgres reliability sanitize coverage lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -23,6 +23,10 @@ test-postgres: $(VENV)/postgres.stamp  ## the demo, and each test that uses a da
 	$(BIN)/python tests/postgres_server.py sh -c '\
 		$(BIN)/quillstone-wiki demo --database "$$QUILLSTONE_TEST_DATABASE" && \
 		$(BIN)/python -m pytest -k postgresql $(TESTS)'
+
+reliability: $(VENV)/postgres.stamp  ## all of these tests, and their figures into RELIABILITY.md
+	$(BIN)/python -m pytest --figures RELIABILITY.md
+	$(BIN)/python tests/postgres_server.py $(BIN)/python -m pytest -k postgresql --figures RELIABILITY.md
 
 # The module built another way, found before the installed one.
 build/%/quillstone: $(VENV)/test.stamp $(MODULE)

@@ -44,7 +44,10 @@ def here(tree, tmp_path, monkeypatch):
     assert "7 source files of 8 files" in run("index tree") and "Wrote 9 pages" in run("build")
     run("note n --title 'My thoughts'", stdin="A thought.\n")
     shutil.copytree("wiki", "broken")
-    return write_files(tmp_path, {"replan.json": json.dumps(REPLAN), "broken.json": "{", "broken/pages/a.md": b"\xff"})
+    return write_files(
+        tmp_path,
+        {"replan.json": json.dumps(REPLAN), "none.json": "{}", "broken.json": "{", "broken/pages/a.md": b"\xff"},
+    )
 
 
 def test_a_wiki_from_index_to_apply(here):
@@ -59,6 +62,10 @@ def test_a_wiki_from_index_to_apply(here):
     shown = json.loads(run("show a --json"))
     assert shown["status"] == "stale" and "What c is for." in shown["text"]
     assert run("show a").strip("\n") == shown["text"].strip("\n") and "A thought." in run("show n")
+    write_files(here / "wiki" / "pages", {"own.md": "", f".page-{'0' * 16}.tmp": "", ".page-own.tmp": "", "n.md": ""})
+    assert json.loads(run("apply none.json --json"))["files_without_rows"] == ["n", "own"]
+    assert "n.md, own.md" in run("show") and "n.md, own.md" in run("apply none.json")
+    assert {path.name for path in (here / "wiki" / "pages").glob(".*")} == {".page-own.tmp"}
     listed = [row["page_id"] for row in json.loads(run("show --json"))]
     assert listed == ["a", "family.deep", "family.deep.right", "family.left", "kin", "n", "root"]
     (here / "tree").rename(here / "moved")

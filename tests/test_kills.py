@@ -166,7 +166,7 @@ def test_killed_between_two_steps(folder, journal, families, stride, figures):
     steps = count_steps(template)
     killed = run_trials(template, [(at, None) for at in range(0, steps, stride)])
     assert killed == len(range(0, steps, stride))
-    figures["kills survived"] += killed
+    figures[f"kills survived ({journal})"] += killed
 
 
 @pytest.mark.parametrize(
@@ -180,4 +180,4 @@ def test_killed_at_any_moment(folder, journal, kills, figures):
     length = time.monotonic() - started
     killed = run_trials(template, [(None, draw.uniform(0, length)) for _ in range(kills)])
     assert killed > kills // 2
-    figures["kills survived"] += killed
+    figures[f"kills survived ({journal})"] += killed

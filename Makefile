@@ -35,7 +35,7 @@ build/%/quillstone: $(VENV)/test.stamp $(MODULE)
 	$(BIN)/cmake --install build/$* --prefix build/$* >/dev/null
 	@touch $@
 
-SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 \
+SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" $(BIN)/python
 SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_strange.py
 

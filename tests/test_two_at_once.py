@@ -117,3 +117,17 @@ def test_a_lock_has_one_holder_and_lets_signals_in(tmp_path, caplog, monkeypatch
         child = started(signal.pause)
     with lock.held():  # the child, forked from the holder, does not keep it
         child.kill()
+
+
+def test_a_lock_file_that_is_deleted_meanwhile_lets_nobody_in_twice(tmp_path, monkeypatch):
+    def tidy():
+        (tmp_path / ".lock").unlink()
+        second.enter_context(WikiLock(tmp_path).held())
+        first.close()
+
+    with ExitStack() as first, ExitStack() as second, monkeypatch.context() as patch:
+        first.enter_context(WikiLock(tmp_path).held())
+        naps = iter([tidy])
+        patch.setattr("time.sleep", lambda _: next(naps, int)())
+        with pytest.raises(WikiBusyError), WikiLock(tmp_path, 0.1).held():
+            pass

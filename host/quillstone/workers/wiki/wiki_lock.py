@@ -8,8 +8,9 @@ import logging
 import os
 import time
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import ExitStack, contextmanager
 from pathlib import Path
+from weakref import WeakSet
 
 from quillstone.errors import WikiBusyError
 
@@ -17,14 +18,13 @@ LONGEST_WAIT = 3600.0
 POLL_SECONDS = 0.02
 
 _logger = logging.getLogger(__name__)
-_lock_files: set[io.FileIO] = set()
+_lock_files: WeakSet[io.FileIO] = WeakSet()
 
 
 def _close_inherited() -> None:
     # A lock lasts until the last copy of its descriptor is closed: a child's must not outlive a killed parent.
     for file in _lock_files:
         file.close()
-    _lock_files.clear()
 
 
 os.register_at_fork(after_in_child=_close_inherited)
@@ -49,21 +49,28 @@ class WikiLock:
             yield
             return
         self._path.parent.mkdir(parents=True, exist_ok=True)
-        with io.FileIO(str(self._path), "a+") as file:
-            _lock_files.add(file)
-            try:
+        with ExitStack() as opened:
+            file = None
+            while not file or not self._is_at_path(file):  # the file that is waited for may be deleted meanwhile
+                file = opened.enter_context(io.FileIO(str(self._path), "a+"))
+                _lock_files.add(file)
                 self._wait_for(file)
+            try:
                 self._held = file
                 file.truncate(0)
                 file.write(b"%d\n" % os.getpid())
                 yield
             finally:
                 if not file.closed:  # as it is in a child that was forked in the block
-                    _lock_files.remove(file)
-                    if self._held is file:
-                        file.truncate(0)
+                    file.truncate(0)
                 self._held = None
         # Closing the file lets go of the lock.
+
+    def _is_at_path(self, file: io.FileIO) -> bool:
+        try:
+            return os.path.samestat(os.fstat(file.fileno()), self._path.stat())
+        except FileNotFoundError:
+            return False
 
     def _wait_for(self, file: io.FileIO) -> None:
         deadline = time.monotonic() + max(self._longest_wait, 2 * POLL_SECONDS)

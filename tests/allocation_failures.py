@@ -5,88 +5,26 @@ A process of its own, since an interpreter without memory may go down. Says whic
 
 import _imp
 import _testcapi
-import contextlib
 import gc
 import itertools
 import json
-import logging
 import sys
 import types
 
 import oracle
 from leaks import growth
+from memory_host import PLAN, REMAP, ROWS, adopt, make_host
 from quillstone.workers.wiki import page_retirement
-
-COLLABORATORS = {
-    "_norm": lambda path: path, "NOTE_LEVEL": "note", "_atomic_write": lambda path, text: None,
-    "merged_predecessors": lambda remap: {"kept": ["merged", "index"], "one": ["merged"]},
-    "carried_sections": lambda pairs: [prose for _, prose in pairs], "page_prose": lambda text, row: row["page_id"],
-    "cached_prose": lambda row: "cached", "with_carried": lambda text, sections: text.join(sections) + text,
-    "json": types.SimpleNamespace(dumps=lambda cache, ensure_ascii: "{}"),
-}  # fmt: skip
-
-
-class Name(str):
-    """A path of the host's, as far as the module uses one."""
-
-    __truediv__ = lambda self, name: Name(f"{self}/{name}")
-    parent = property(lambda self: Name("wiki"))
-    is_dir = exists = lambda self: True
-    is_file = lambda self: False
-    glob = lambda self, pattern: ["note.md"]
-    unlink = lambda self, missing_ok: None
-
-
-class Store:
-    db = property(lambda self: self)
-
-    def __init__(self):
-        self.rows, self.before = {row["page_id"]: row for row in ROWS}, None
-
-    def list_indexed_files(self, source_only, limit):
-        return [{"path": "a.py"}, {"path": "b.py"}], False, limit, 2
-
-    def get_wiki_pages(self, branch):
-        return list(self.rows.values())
-
-    def upsert_wiki_page(self, branch, page_id, title, **fields):
-        self.rows[page_id] = fields
-
-    def delete_wiki_page(self, branch, page_id):
-        return bool(self.rows.pop(page_id, None))
-
-    @contextlib.contextmanager
-    def transaction(self):
-        before = dict(self.rows)
-        try:
-            yield
-        except BaseException:
-            self.rows = before
-            raise
-
-
-ROWS = [
-    {"page_id": page_id, "source_files": files, "related_pages": ["kept"], "build_cache": {"a": 1}, "level": level}
-    for page_id, files, level in [
-        ("kept", ["a.py"], None), ("merged", ["a.py", "b.py"], ""), ("index", ["behind.py"], None), ("é", [], "module"),
-        ("note", [], "note"), ("seed", [], "module"),
-    ]
-]  # fmt: skip
-ROWS[-1] = types.MappingProxyType(ROWS[-1])
-REMAP, PLAN = {"néw": "seed", "kept": "merged"}, {"kept", "néw"}
 
 
 def scenarios(rules):
     """Name of a piece of work to what prepares it; what that gives does it, and is called once."""
-    for name, value in COLLABORATORS.items():
-        setattr(rules, name, value)
-    logging.getLogger("quillstone").disabled = rules.logger.disabled = True
+    adopt(rules)
     snapshot = {row["page_id"]: row for row in ROWS}
 
     def prepared(work):
         def prepare():
-            host = type("Host", (rules.PageRetirementMixin,), {})()
-            host.repository, host.branch, host.pages_dir, host.repo_root = Store(), "b", Name("wiki/pages"), Name("r")
+            host = make_host(rules)
             return lambda: work(host)
 
         return prepare

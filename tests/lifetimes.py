@@ -12,6 +12,8 @@ import types
 import weakref
 from pathlib import Path
 
+from memory_host import PLAN, REMAP, adopt, make_host
+
 NAME = "quillstone.workers.wiki.page_retirement"
 SIBLINGS = ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.repo_facts", "workers.wiki_types")
 
@@ -25,33 +27,14 @@ def resident():
 
 
 def use(module):
-    """A prune that carries prose, and one that fails in the middle."""
-
-    class Page(str):
-        parent = property(lambda self: self)
-        __truediv__ = lambda self, name: Page(f"{self}/{name}")
-        is_dir = is_file = lambda self: False
-        unlink = lambda self, missing_ok: None
-
-    class Transaction:
-        __enter__ = lambda self: None
-        __exit__ = lambda self, *error: None
-
-    names = {"_norm": str, "merged_predecessors": lambda remap: {"b": ["a"]}, "page_prose": lambda text, row: "prose"}
-    names |= {"carried_sections": lambda pairs: [prose for _, prose in pairs], "cached_prose": lambda row: "cached"}
-    names |= {"with_carried": lambda text, sections: text, "_atomic_write": lambda path, text: None}
-    vars(module).update(names, NOTE_LEVEL="note")
-    host = type("Host", (module.PageRetirementMixin,), {})()
-    host.branch, host.pages_dir, host.repo_root, rows = "main", Page("pages"), Page("root"), [{"page_id": "a"}]
-    host.repository = types.SimpleNamespace(
-        get_wiki_pages=lambda branch: rows, list_indexed_files=lambda **keywords: ([{"path": "x"}], 0, 0, 0),
-        db=types.SimpleNamespace(transaction=Transaction), upsert_wiki_page=lambda *args, **fields: None,
-        delete_wiki_page=lambda branch, page_id: True,
-    )  # fmt: skip
-    assert host._apply_replan_to_store({"new": "a"}, {"new"}) == 1
+    """A replan that carries prose, and one that fails in the middle."""
+    adopt(module)
+    host = make_host(module)
+    assert host._apply_replan_to_store(REMAP, PLAN) == 4
+    host = make_host(module)
     host.repository.upsert_wiki_page = lambda *args, **fields: 1 / 0
     try:
-        host._apply_replan_to_store({"new": "a"}, {"new"})
+        host._apply_replan_to_store(REMAP, PLAN)
     except ZeroDivisionError:
         return
     raise AssertionError("the store's error did not come out")

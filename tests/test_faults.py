@@ -14,8 +14,8 @@ from types import SimpleNamespace
 
 import pytest
 
-from allocation_failures import Store
 from leaks import growth
+from memory_host import Store
 from quillstone.storage.repository import Repository
 from quillstone.workers.wiki import page_retirement, replan_carry, repo_facts
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin

@@ -100,39 +100,6 @@ def test_a_note_is_its_file(wiki):
     assert set(wiki.rows()) == {"kept"}
 
 
-def test_a_failed_commit_loses_nothing_and_a_rerun_carries_once(wiki, monkeypatch):
-    for page_id in ("a", "b", "old"):
-        wiki.page(page_id)
-    remap, before = ReplanRemap({"new": "old"}, {"b": ["a"]}), wiki.state()
-    failure = OSError("disk full")
-
-    def fail(branch, page_id):
-        raise failure
-
-    with monkeypatch.context() as patch:
-        patch.setattr(wiki.repository, "delete_wiki_page", fail)
-        with pytest.raises(OSError) as caught:
-            wiki._apply_replan_to_store(remap, {"b", "new"})
-    assert caught.value is failure
-    rows, files = wiki.state()
-    assert rows == before[0]
-    assert files.items() >= {("a.md", "Prose of a."), ("old.md", "Prose of old."), ("new.md", "Prose of old.")}
-    for _ in range(2):
-        wiki._apply_replan_to_store(remap, {"b", "new"})
-        assert wiki.times_carried("a", "b") == (1, 1)
-        assert set(wiki.rows()) == {"b", "new"}
-
-
-def test_a_file_that_cannot_be_removed_keeps_no_other(wiki):
-    for page_id in "abc":
-        wiki.page(page_id)
-    wiki.file("a").unlink()
-    wiki.file("b").unlink()
-    wiki.file("b").mkdir()
-    assert wiki._prune_retired_pages(wiki.rows(), set()) == 3
-    assert [file.name for file in wiki.pages_dir.iterdir()] == ["b.md"]
-
-
 IDS = st.sampled_from(["a", "b", "c", "d", "e"])
 TEXTS = st.text(st.characters(blacklist_categories=["Cs", "Cc"]), max_size=20)
 

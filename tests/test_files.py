@@ -1,5 +1,7 @@
 """Folders and files that fail a replan: the error comes out, the store is as it was, and no prose is lost."""
 
+import errno
+import itertools
 import os
 import shutil
 import subprocess
@@ -88,8 +90,13 @@ FAILURES = {  # what goes wrong, how it is mended, what comes out
     ),
     "successor a folder": (
         lambda wiki: replace(wiki.file("b"), Path.mkdir),
-        lambda wiki: wiki.file("b").rmdir(),
+        lambda wiki: (wiki.file("b").rmdir(), wiki.file("b").write_text("Prose of b.")),
         IsADirectoryError,
+    ),
+    "successor a link to itself": (
+        lambda wiki: replace(wiki.file("b"), lambda path: path.symlink_to(path.name)),
+        lambda wiki: replace(wiki.file("b"), lambda path: path.write_text("Prose of b.")),
+        OSError,
     ),
     "pages folder a file": (
         lambda wiki: (wiki.pages_dir.rename(wiki.pages_dir.parent / "moved"), wiki.pages_dir.touch()),
@@ -102,6 +109,10 @@ SUPPRESSED = {  # what goes wrong, and what is left of the retired pages' files
     "predecessor a folder": (lambda wiki: replace(wiki.file("a"), Path.mkdir), {"a.md"}),
     "predecessor a dangling link": (lambda wiki: replace(wiki.file("a"), lambda path: path.symlink_to("none")), set()),
     "successor a dangling link": (lambda wiki: replace(wiki.file("b"), lambda path: path.symlink_to("none")), set()),
+    "successor a link to its predecessor": (
+        lambda wiki: replace(wiki.file("b"), lambda path: path.symlink_to("a.md")),
+        set(),
+    ),
     "retired page a link": (lambda wiki: replace(wiki.file("c"), lambda path: path.symlink_to("b.md")), set()),
     "retired page a folder": (lambda wiki: replace(wiki.file("c"), Path.mkdir), {"c.md"}),
     "pages folder vanished": (lambda wiki: shutil.rmtree(wiki.pages_dir), set()),
@@ -119,22 +130,31 @@ def stands_somewhere(wiki):
     return all(any(f"Prose of {page}.".encode() in text for text in texts) for page in ("a", "b", "old"))
 
 
-def check_failure(wiki, spoil, mend, error):
+def failure(wiki, spoil, mend):
+    """The error that a replan ends with, None for a good end; either way it is finished afterwards."""
+    for page_id in wiki.rows():  # from now on only the files hold the prose
+        wiki.page(page_id, build_cache={"prose": "Older."})
     before = wiki.rows(), {page: wiki.repository.get_wiki_chunks("main", page) for page in wiki.rows()}
     spoil(wiki)
-    with pytest.raises(error):
-        wiki._apply_replan_to_store(REMAP, PLAN)
+    error = None
+    try:
+        assert wiki._apply_replan_to_store(REMAP, PLAN) == 3
+    except (OSError, UnicodeDecodeError, sa.exc.OperationalError) as raised:
+        error = raised
     mend(wiki)
-    assert (wiki.rows(), {page: wiki.repository.get_wiki_chunks("main", page) for page in wiki.rows()}) == before
     assert stands_somewhere(wiki) and not [*wiki.pages_dir.glob("*.tmp")]
-    assert wiki._apply_replan_to_store(REMAP, PLAN) == 3
-    assert wiki.times_carried("a", "b") == (1, 1)
+    if error:
+        assert (wiki.rows(), {page: wiki.repository.get_wiki_chunks("main", page) for page in wiki.rows()}) == before
+        assert wiki._apply_replan_to_store(REMAP, PLAN) == 3
+    assert wiki.times_carried("a", "b") == (1, 1) and stands_somewhere(wiki)
     assert {path.name for path in wiki.pages_dir.iterdir()} == {"b.md", "new.md"}
+    return error
 
 
 @pytest.mark.parametrize("cause", FAILURES)
 def test_a_failure_comes_out_and_changes_no_row(wiki, cause):
-    check_failure(wiki, *FAILURES[cause])
+    *causes, error = FAILURES[cause]
+    assert isinstance(failure(wiki, *causes), error)
 
 
 @pytest.mark.parametrize("cause", SUPPRESSED)
@@ -159,19 +179,35 @@ def small_disk(folder):
     mount = ["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", folder]
     if os.geteuid() or subprocess.run(mount, capture_output=True).returncode:
         pytest.skip("no file system may be mounted here")
-    yield folder / "filler"
+    yield folder
     os.seteuid(0)
     subprocess.run(["umount", folder], check=True)
 
 
-def fill(filler):
+def fill(wiki, filler, blocks):
+    """Takes the whole disk except for so many blocks; a page file that goes frees none."""
+    shutil.copytree(wiki.pages_dir, filler.with_name("linked"), copy_function=os.link)
     with pytest.raises(OSError), filler.open("wb", buffering=0) as stream:
         while True:
             stream.write(bytes(4096))
+    os.truncate(filler, filler.stat().st_size - 4096 * blocks)
 
 
-@pytest.mark.parametrize("operation", [None, "upsert_wiki_page"])
-def test_a_full_disk(small_disk, wiki, operation):
-    spoil = lambda wiki: when(wiki, operation, lambda: fill(small_disk)) if operation else fill(small_disk)
-    error = sa.exc.OperationalError if operation else OSError
-    check_failure(wiki, spoil, lambda wiki: small_disk.unlink(), error)
+def failure_on_full_disk(disk, blocks):
+    folder, filler = disk / f"{blocks}", disk / "filler"
+    folder.mkdir()
+    wiki = filled(folder)
+    with closing(wiki.repository):
+        error = failure(wiki, lambda wiki: fill(wiki, filler, blocks), lambda wiki: filler.unlink())
+    shutil.rmtree(folder)
+    shutil.rmtree(disk / "linked")
+    return error
+
+
+def test_a_disk_that_is_full_at_any_step(small_disk, figures):
+    """Page files find no room, then the upserts, the deletes, the commit: with a block more each time."""
+    errors = [*itertools.takewhile(bool, (failure_on_full_disk(small_disk, blocks) for blocks in range(50)))]
+    assert {error.errno for error in errors if isinstance(error, OSError)} == {errno.ENOSPC}
+    full = [error for error in errors if isinstance(error, sa.exc.OperationalError)]
+    assert len(full) > 2 and all("disk is full" in str(error) for error in full)
+    figures["full disks"] += len(errors)

@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import threading
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from typing import Any
 
 import sqlalchemy as sa
@@ -153,9 +153,16 @@ class Database:
         last_step, self._threads.last_step = getattr(self._threads, "last_step", _nothing), _nothing
         outer: sa.Connection | None = getattr(self._threads, "connection", None)
         if outer is not None:
-            with outer.begin_nested():
+            savepoint = outer.begin_nested()
+            try:
                 yield outer
                 last_step()
+                savepoint.commit()
+            except BaseException:
+                # With the disk full SQLite has undone the whole transaction, and there is no savepoint to go back to.
+                with suppress(sa.exc.OperationalError):
+                    savepoint.rollback()
+                raise
             return
         with self.engine.connect() as connection:
             connection = connection.execution_options(writes=True)

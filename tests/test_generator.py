@@ -1,5 +1,7 @@
 """The generator over a real tree, store and wiki folder."""
 
+import os
+from functools import partial
 from threading import Thread
 
 import pytest
@@ -10,7 +12,7 @@ from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
 from quillstone.storage.repository import check_page_id
 from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.planning import LONGEST_ID, folder_page_id
-from quillstone.workers.wiki.replan import run_replan
+from quillstone.workers.wiki.replan import preview_replan, run_replan
 from quillstone.workers.wiki.replan_carry import ReplanRemap, page_prose
 from trees import files_below, write_files
 
@@ -114,6 +116,23 @@ def test_what_would_lose_prose_is_refused(generator, tmp_path, seeds, merges, go
     with pytest.raises(HostError, match="has the id of a folder's page"):
         generator.build()
     assert state(generator) == before
+
+
+@pytest.mark.parametrize("make", [os.mkfifo, *(partial(os.symlink, to) for to in ("none", "a.b.c.md"))])
+def test_a_page_whose_file_has_no_content(generator, make):
+    """A preview tells what the replan then does; only a successor that is a link to itself cannot be written."""
+    (generator.pages_dir / "a.b.c.md").unlink()
+    make(generator.pages_dir / "a.b.c.md")
+    before = generator.stored_pages()
+    if make != os.mkfifo and make.args == ("a.b.c.md",):
+        with pytest.raises(OSError):
+            generator.apply_replan(ReplanRemap({}, {"a.b.c": ["a"]}), ALL - {"a"})
+        assert generator.stored_pages() == before
+    remap, plan_ids = ReplanRemap({}, {"a": ["a.b.c"]}), ALL - {"a.b.c"}
+    preview = preview_replan(generator, remap, plan_ids)
+    assert generator.stored_pages() == before and (generator.pages_dir / "a.b.c.md").lstat()
+    outcome = run_replan(generator, remap, plan_ids)
+    assert outcome.merged == preview.merged == {"a.b.c": "a"} and text(generator, "a").count("What c is for.") == 1
 
 
 def test_a_wiki_takes_one_run_at_a_time(generator, tree):

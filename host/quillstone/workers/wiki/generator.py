@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import time
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
@@ -234,7 +235,7 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
             self._page_text(page_id)  # one that cannot be read would stop the prune half-way
         for successor in origins:
             check_page_id(successor)
-            if self.pages_dir.resolve() not in (self.pages_dir / f"{successor}.md").resolve().parents:
+            if _real_path(self.pages_dir) not in _real_path(self.pages_dir / f"{successor}.md").parents:
                 raise PageIdError(f"page id {successor!r} leads out of the pages folder by a link; choose another")
             self._page_text(successor)
             if successor not in safe:
@@ -265,3 +266,8 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
             return True
         base = self._page_text(seed["page_id"])
         return split_carried(text)[0] == split_carried(cached_prose(seed) if base is None else base)[0]
+
+
+def _real_path(path: Path) -> Path:
+    # A link to itself stays as it is, for the writer to fail with OSError; `resolve` would raise RuntimeError.
+    return Path(os.path.realpath(path))

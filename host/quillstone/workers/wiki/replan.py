@@ -146,9 +146,14 @@ def preview_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids:
     with generator.lock.held(), tempfile.TemporaryDirectory() as copy, generator.repository.db.rehearsal():
         for name in ("pages", "notes"):
             if (wiki_dir / name).is_dir():
-                shutil.copytree(wiki_dir / name, Path(copy) / name)
+                shutil.copytree(wiki_dir / name, Path(copy) / name, ignore=_no_content)
         rehearsed = WikiGenerator(generator.repository, generator.repo_root, generator.branch, Path(copy))
         return run_replan(rehearsed, remap, plan_ids)
+
+
+def _no_content(folder: str, names: list[str]) -> list[str]:
+    # Links that lead nowhere, pipes and the like: pages without a file, as a replan sees them.
+    return [name for name in names if not ((path := Path(folder) / name).is_file() or path.is_dir())]
 
 
 def _sort_pages(

@@ -1,5 +1,6 @@
 """Modules and interpreters that come and go, and threads beside each other: nothing is left, nothing is shared."""
 
+import json
 import random
 import signal
 import subprocess
@@ -10,6 +11,8 @@ from pathlib import Path
 
 import pytest
 
+from memory_host import Store
+from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.replan_carry import ReplanRemap, cached_prose
 from wikis import Wiki
 
@@ -33,28 +36,66 @@ class Interrupt(KeyboardInterrupt):
     pass
 
 
+class MemoryFile(str):
+    """A path below a dict of texts."""
+
+    files: dict
+    is_dir = lambda self: False
+    is_file = lambda self: self in self.files
+    read_text = lambda self, encoding=None: self.files[self]
+    write_text = lambda self, text, encoding=None: self.files.update({self: text})
+    unlink = lambda self, missing_ok: self.files.pop(self, None)
+
+    def __truediv__(self, name):
+        file = MemoryFile(name)
+        file.files, file.parent = self.files, self
+        return file
+
+
+class MemoryStore(Store):
+    list_indexed_files = lambda self, **keywords: ([{"path": "indexed.py"}], False, 1, 1)
+    close = lambda self: None
+
+    def save_wiki_page(self, branch, page_id, title, **row):
+        self.rows[page_id] = {"page_id": page_id, "title": title, **row}
+
+    def upsert_wiki_page(self, branch, page_id, title, *, build_cache, **row):
+        self.save_wiki_page(branch, page_id, title, build_cache=json.loads(build_cache), **row)
+
+
+class MemoryWiki(Wiki):
+    """A wiki without input or output, for a great many prunes."""
+
+    def __init__(self, folder):
+        root = MemoryFile()
+        root.files = {}
+        self.repository, self.branch, self.repo_root, self.pages_dir = MemoryStore(), "main", root, root / "" / ""
+
+
 def replan(wiki, interrupted_by=None):
     """Merges a into b, renames old, retires c; gives the signal's exception, if one came."""
-    for page_id in wiki.rows():
-        wiki.repository.delete_wiki_page("main", page_id)
-    for page_id in ("a", "b", "c", "old"):
-        wiki.page(page_id)
-    before = wiki.rows()
+    with wiki.repository.db.transaction():
+        for page_id in wiki.rows():
+            wiki.repository.delete_wiki_page("main", page_id)
+        for page_id in ("a", "b", "c", "old"):
+            wiki.page(page_id)
+    before, interruption, started = wiki.rows(), None, time.perf_counter()
     try:
         if interrupted_by:
             signal.setitimer(signal.ITIMER_REAL, interrupted_by)
         wiki._apply_replan_to_store(REMAP, PLAN)
+        wiki.seconds = time.perf_counter() - started
         signal.setitimer(signal.ITIMER_REAL, 0) if interrupted_by else None
-        interruption = None
     except Interrupt as raised:
-        interruption = raised
-        rows = wiki.rows()
+        interruption, rows = raised, wiki.rows()
         assert rows == before or rows.keys() == PLAN
-        stands = [wiki.file("b").read_text(), *(wiki.file("a").read_text() for _ in "a" if "a" in rows)]
-        assert all("Prose of a." in text for text in stands[-1:])
+        holders = {"a": "b", "b": "b", "old": "new"}
+        for page_id, holder in holders.items():
+            assert f"Prose of {page_id}." in wiki.file(page_id if page_id in rows else holder).read_text("utf-8")
         wiki._apply_replan_to_store(REMAP, PLAN)
     assert wiki.rows().keys() == PLAN and wiki.times_carried("a", "b") == (1, 1)
-    assert "Prose of old." in wiki.file("new").read_text() and cached_prose(wiki.rows()["new"]) == "Prose of old."
+    assert "Prose of old." in wiki.file("new").read_text("utf-8")
+    assert cached_prose(wiki.rows()["new"]) == "Prose of old."
     return interruption
 
 
@@ -66,9 +107,15 @@ def switching_often():
     sys.setswitchinterval(interval)
 
 
-@pytest.mark.parametrize("interruptions", [20, pytest.param(200, marks=pytest.mark.long)])
-def test_threads_and_signals_do_not_meet(tmp_path, interruptions, switching_often, figures):
+SIGNALS = [(Wiki, 10), (MemoryWiki, 300)]
+SIGNALS += [pytest.param(make, number, marks=pytest.mark.long) for make, number in ((Wiki, 500), (MemoryWiki, 20_000))]
+
+
+@pytest.mark.parametrize(("make", "interruptions"), SIGNALS)
+def test_threads_and_signals_do_not_meet(tmp_path, monkeypatch, make, interruptions, switching_often, figures):
     """Threads prune wikis of their own while a signal handler raises in the middle of the main thread's prunes."""
+    if make is MemoryWiki:
+        monkeypatch.setattr(page_retirement, "_atomic_write", lambda path, text: path.write_text(text))
 
     def work(wiki):
         try:
@@ -82,19 +129,21 @@ def test_threads_and_signals_do_not_meet(tmp_path, interruptions, switching_ofte
         raised.append(Interrupt())
         raise raised[-1]
 
+    def interrupt(wiki):
+        known = len(raised)
+        interruption = replan(wiki, draw.uniform(1e-6, wiki.seconds))
+        assert [interruption] == (raised[known:] or [None])
+
     over, done, failures, raised, draw = threading.Event(), [], [], [], random.Random(0)
-    wikis = [Wiki(tmp_path / f"{i}") for i in range(3) if not (tmp_path / f"{i}").mkdir()]
+    wikis = [make(tmp_path / f"{i}") for i in range(3) if not (tmp_path / f"{i}").mkdir()]
     threads = [threading.Thread(target=work, args=(wiki,)) for wiki in wikis[1:]]
     previous = signal.signal(signal.SIGALRM, handler)
     try:
         for thread in threads:
             thread.start()
-        started = time.monotonic()
         replan(wikis[0])
-        length = time.monotonic() - started
         while len(raised) < interruptions:
-            interruption = replan(wikis[0], draw.uniform(0, length))
-            assert interruption in (None, raised[-1:] and raised[-1])
+            interrupt(wikis[0])
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, previous)

@@ -129,7 +129,9 @@ class Database:
             shown = repr(parsed)  # without the password
             if parsed.drivername == "postgresql":
                 parsed = parsed.set(drivername="postgresql+psycopg")
-            self.engine = sa.create_engine(parsed)
+            # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
+            on_file = parsed.get_backend_name() == "sqlite" and parsed.database not in (None, "", ":memory:")
+            self.engine = sa.create_engine(parsed, poolclass=sa.NullPool if on_file else None)
             if self.engine.dialect.name not in _INSERT:
                 raise StoreError(f"database {shown} is neither sqlite nor postgresql; give a URL of one of these")
             if self.engine.dialect.name == "sqlite":

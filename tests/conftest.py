@@ -1,6 +1,8 @@
+import os
 import re
 from collections import Counter
 from pathlib import Path
+from tempfile import TemporaryDirectory
 
 import pytest
 
@@ -35,6 +37,16 @@ def pytest_terminal_summary(terminalreporter, config):
 def figures(pytestconfig):
     """What was tried, by name, counted over the run and told at its end: `figures["kills survived"] += 1`."""
     return pytestconfig.stash[FIGURES]
+
+
+@pytest.fixture
+def quick_folder(tmp_path):
+    """A folder in memory, where that can be had."""
+    if not os.access("/dev/shm", os.W_OK):
+        yield tmp_path
+        return
+    with TemporaryDirectory(dir="/dev/shm") as folder:
+        yield Path(folder)
 
 
 @pytest.fixture

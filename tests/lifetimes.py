@@ -1,9 +1,9 @@
-"""Imports, uses and drops a module many times: `python lifetimes.py imports|subinterpreters none|plain|module ROUNDS`.
+"""Imports, uses and drops the module many times: `python lifetimes.py imports|subinterpreters ROUNDS`.
 
-Prints how many bytes more the process takes with every round, and for imports how many blocks and classes are left.
-Plain Python, and nothing at all, show what the interpreter itself keeps.
+Prints how many bytes more the process takes with every round, and how many blocks, classes and functions are left.
 """
 
+import _xxsubinterpreters as interpreters
 import gc
 import importlib
 import os
@@ -40,39 +40,35 @@ def use(module):
     raise AssertionError("the store's error did not come out")
 
 
-def fresh(kind):
-    sys.modules.pop("oracle", None)
+def fresh():
     sys.modules.pop(NAME, None)
     for sibling in SIBLINGS:
         sys.modules["quillstone." + sibling] = Anything(sibling)
-    return importlib.import_module("oracle" if kind == "plain" else NAME)
+    return importlib.import_module(NAME)
 
 
-def in_subinterpreter(kind):
-    import _xxsubinterpreters as interpreters
-
-    code = f"import sys; sys.path[:] = {sys.path!r}; import lifetimes; lifetimes.use(lifetimes.fresh({kind!r}))"
+def in_subinterpreter(watched):
+    code = f"import sys; sys.path[:] = {sys.path!r}; import lifetimes; lifetimes.use(lifetimes.fresh())"
     other = interpreters.create()
-    interpreters.run_string(other, "import sys, importlib, os, pathlib, types" if kind == "none" else code)
+    interpreters.run_string(other, code)
     interpreters.destroy(other)
 
 
-def again(kind, watched):
-    module = fresh(kind)
+def again(watched):
+    module = fresh()
     use(module)
-    watched.append(weakref.ref(module.PageRetirementMixin))
-    watched.append(weakref.ref(module._judged_sources))
+    watched += [weakref.ref(module.PageRetirementMixin), weakref.ref(module._judged_sources)]
     watched[:] = [reference for reference in watched if reference() is not None]
 
 
-def main(what, kind, rounds):
-    watched, run = [], {"subinterpreters": in_subinterpreter, "imports": lambda kind: again(kind, watched)}[what]
+def main(run, rounds):
+    watched = []
     for _ in range(rounds // 4):
-        run(kind)
+        run(watched)
     gc.collect()
     memory, blocks = resident(), sys.getallocatedblocks()
     for _ in range(rounds):
-        run(kind)
+        run(watched)
     sys.modules.pop(NAME, None)
     vars(sys.modules.get("quillstone.workers.wiki", types)).pop("page_retirement", None)
     gc.collect()
@@ -81,4 +77,4 @@ def main(what, kind, rounds):
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], sys.argv[2], int(sys.argv[3]))
+    main({"subinterpreters": in_subinterpreter, "imports": again}[sys.argv[1]], int(sys.argv[2]))

@@ -1,6 +1,7 @@
 """A host in memory, small and without imports of the application: what the module needs, and no more."""
 
 import contextlib
+import json
 import types
 
 COLLABORATORS = {
@@ -26,8 +27,8 @@ class Name(str):
 class Store:
     db = property(lambda self: self)
 
-    def __init__(self):
-        self.rows, self.before = {row["page_id"]: row for row in ROWS}, None
+    def __init__(self, rows=()):
+        self.rows = {row["page_id"]: row for row in rows}
 
     def list_indexed_files(self, source_only, limit):
         return [{"path": "a.py"}, {"path": "b.py"}], False, limit, 2
@@ -51,6 +52,28 @@ class Store:
             raise
 
 
+class RowStore(Store):
+    """One that gives back what was stored."""
+
+    indexed = ("indexed.py",)
+    close = lambda self: None
+
+    def record_indexed_files(self, records):
+        self.indexed = [record["path"] for record in records]
+
+    def list_indexed_files(self, source_only, limit):
+        return [{"path": path} for path in self.indexed], False, limit, len(self.indexed)
+
+    def save_wiki_page(self, branch, page_id, title, chunks=(), **row):
+        self.rows[page_id] = {"page_id": page_id, "title": title, **row}
+
+    def upsert_wiki_page(self, branch, page_id, title, *, build_cache, **row):
+        self.save_wiki_page(branch, page_id, title, build_cache=json.loads(build_cache), **row)
+
+    def get_wiki_pages(self, branch):
+        return [dict(row) for _, row in sorted(self.rows.items())]
+
+
 ROWS = [
     {"page_id": page_id, "source_files": files, "related_pages": ["kept"], "build_cache": {"a": 1}, "level": level}
     for page_id, files, level in [
@@ -71,5 +94,5 @@ def adopt(rules):
 
 def make_host(rules):
     host = type("Host", (rules.PageRetirementMixin,), {})()
-    host.repository, host.branch, host.pages_dir, host.repo_root = Store(), "b", Name("wiki/pages"), Name("r")
+    host.repository, host.branch, host.pages_dir, host.repo_root = Store(ROWS), "b", Name("wiki/pages"), Name("r")
     return host

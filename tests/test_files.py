@@ -207,6 +207,7 @@ def failure_on_full_disk(disk, blocks):
 def test_a_disk_that_is_full_at_any_step(small_disk, figures):
     """Page files find no room, then the upserts, the deletes, the commit: with a block more each time."""
     errors = [*itertools.takewhile(bool, (failure_on_full_disk(small_disk, blocks) for blocks in range(50)))]
+    assert len(errors) < 50  # the last run had room
     assert {error.errno for error in errors if isinstance(error, OSError)} == {errno.ENOSPC}
     full = [error for error in errors if isinstance(error, sa.exc.OperationalError)]
     assert len(full) > 2 and all("disk is full" in str(error) for error in full)

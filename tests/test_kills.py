@@ -11,7 +11,6 @@ import time
 from concurrent.futures import ProcessPoolExecutor
 from contextlib import closing
 from multiprocessing import get_context
-from pathlib import Path
 
 import pytest
 import sqlalchemy as sa
@@ -85,16 +84,20 @@ def forked(work, seconds=None, number=signal.SIGKILL):
     """Runs the work in a process of its own, which gets a signal after a time; says whether that ended it."""
     child = os.fork()
     if not child:
+        status = 1
         try:
             work()
+            status = 0
         except KeyboardInterrupt:
-            os._exit(number)
+            status = number
         finally:
-            os._exit(0)
+            os._exit(status)
     if seconds is not None:
         time.sleep(seconds)
         os.kill(child, number)
-    return os.waitpid(child, 0)[1] in (number, number << 8)
+    ended = os.waitpid(child, 0)[1]
+    assert ended in (0, number, number << 8)
+    return ended != 0
 
 
 def trial(template, folder, at, seconds, number=signal.SIGKILL):
@@ -146,14 +149,6 @@ def count_steps(template):
     return int((folder / "steps").read_text())
 
 
-@pytest.fixture
-def folder(tmp_path):
-    folder = Path("/dev/shm" if os.access("/dev/shm", os.W_OK) else tmp_path) / f"kills-{os.getpid()}"
-    folder.mkdir()
-    yield folder
-    shutil.rmtree(folder)
-
-
 STRIDE = int(os.environ.get("KILL_STRIDE", "20"))  # 1 for every step of a few hundred pages, which takes half an hour
 QUICK = [(journal, 2, 7) for journal in ("delete", "wal")]
 LONG = [(journal, *size) for journal in ("delete", "wal") for size in ((5, 1), (30, STRIDE))]
@@ -165,8 +160,8 @@ def parameters(quick, long):
 
 
 @pytest.mark.parametrize(("journal", "families", "stride"), parameters(QUICK + SAMPLE, LONG))
-def test_killed_between_two_steps(folder, journal, families, stride, figures):
-    template = Template(folder, families, journal)
+def test_killed_between_two_steps(quick_folder, journal, families, stride, figures):
+    template = Template(quick_folder, families, journal)
     steps = count_steps(template)
     killed = run_trials(template, [(at, None, signal.SIGKILL) for at in range(0, steps, stride)])
     assert killed == len(range(0, steps, stride))
@@ -176,11 +171,11 @@ def test_killed_between_two_steps(folder, journal, families, stride, figures):
 @pytest.mark.parametrize(
     ("journal", "kills"), parameters([(name, 6) for name, *_ in SAMPLE], [("delete", 30), ("wal", 30)])
 )
-def test_killed_at_any_moment(folder, journal, kills, figures):
-    template = Template(folder, 30, journal)
-    template.copy(folder / "measured")
+def test_killed_at_any_moment(quick_folder, journal, kills, figures):
+    template = Template(quick_folder, 30, journal)
+    template.copy(quick_folder / "measured")
     draw, started = random.Random(journal), time.monotonic()
-    forked(lambda: template.apply(folder / "measured"))
+    forked(lambda: template.apply(quick_folder / "measured"))
     length, numbers = time.monotonic() - started, (signal.SIGKILL, signal.SIGINT)
     killed = run_trials(template, [(None, draw.uniform(0, length), number) for number in numbers for _ in range(kills)])
     assert killed > kills

@@ -10,7 +10,17 @@ from pathlib import Path
 import pytest
 
 SWEEP = Path(__file__).parent / "allocation_failures.py"
-WORK = ["judged sources", "missing name", "guard", "selection", "carry", "upsert", "prune", "replan"]
+# Pieces of work, and how many allocations each makes at least.
+WORK = {
+    "judged sources": 3,
+    "missing name": 3,
+    "guard": 4,
+    "selection": 30,
+    "carry": 80,
+    "upsert": 9,
+    "prune": 140,
+    "replan": 150,
+}
 
 
 def sweep(rules, work):
@@ -27,13 +37,14 @@ def sweep(rules, work):
         failed += 1
 
 
-@pytest.mark.parametrize("work", ["body", *WORK])
+@pytest.mark.parametrize("work", [*WORK, "body"])
 def test_any_allocation_may_fail(work, figures):
     failed, faults = sweep("module", work)
-    assert failed > 3 and faults == []
+    assert failed >= WORK.get(work, 400) and faults == []
     figures["allocations failed"] += failed
 
 
+@pytest.mark.long
 @pytest.mark.parametrize("work", WORK)
 def test_what_the_interpreter_makes_of_it_in_plain_python(work, figures):
     figures["faults of the interpreter, in plain Python"] += len(sweep("oracle", work)[1])

@@ -5,6 +5,7 @@ import sqlite3
 from contextlib import nullcontext
 
 import pytest
+import sqlalchemy as sa
 
 from quillstone.errors import PageIdError
 from quillstone.storage.repository import Repository
@@ -78,6 +79,16 @@ def test_a_transaction_keeps_all_or_nothing(repository, failure):
         repository.delete_wiki_page("main", "kept")
         assert page_ids(repository) == []
     assert page_ids(repository) == ["kept"]
+
+
+def test_what_the_database_has_undone_is_not_committed_by_halves(repository):
+    with pytest.raises(sa.exc.SQLAlchemyError), repository.db.transaction():
+        upsert(repository, "before")
+        with pytest.raises(KeyError), repository.db.transaction() as connection:
+            connection.exec_driver_sql("ROLLBACK")  # as SQLite does when the disk is full
+            raise KeyError
+        upsert(repository, "after")
+    assert page_ids(repository) == []
 
 
 def test_a_transaction_on_sqlite_takes_the_write_lock_at_once(tmp_path):

@@ -42,7 +42,10 @@ def test_no_prose_is_lost_by_merges_at_once(repository, database, tmp_path, figu
         with closing(Repository(database)) as wiki.repository:
             for turn, page_id in enumerate(pages, 1):
                 start.wait(60)
-                wiki.apply_replan(ReplanRemap({}, {"hub": [page_id]}), {"hub", *PAGES} - {*pages[:turn]})
+                remap, plan_ids = ReplanRemap({}, {"hub": [page_id]}), {"hub", *PAGES} - {*pages[:turn]}
+                ways = [wiki.apply_replan, wiki._apply_replan_to_store]
+                ways += [lambda remap, plan_ids: wiki._prune_retired_pages(wiki.rows(), plan_ids, remap)]
+                ways[turn % 3](remap, plan_ids)
 
     repository.record_indexed_files([{"path": "indexed.py"}])
     wikis = {name: GeneratedWiki(repository, tmp_path, name, tmp_path / name) for name in names}

@@ -101,7 +101,7 @@ class Picky(set):
 
 
 ODD_IDS = [Alike, Id, int, float, lambda name: (name,), lambda name: [name], lambda name: f"\ud800{name}"]
-ODD_IDS += [lambda name: name * 50_000, lambda name: None, str, str, str, str, str]
+ODD_IDS += [lambda name: name * 100_000, lambda name: None, str, str, str, str, str]
 ODD_ROWS = [types.MappingProxyType, collections.UserDict, lambda row: 7, *[dict] * 9]
 
 
@@ -251,12 +251,9 @@ class World:
         }
         if not self.traced:
             functions["logger"].warning = self.recorded("warning", functions["logger"].warning)
-            return {name: self.recorded(name, value) for name, value in functions.items()} | {
-                "NOTE_LEVEL": "note" if self.seed % 4 else "module"
-            }
-        return {name: self.trace(name, value) for name, value in functions.items()} | {
-            "NOTE_LEVEL": "note" if self.seed % 4 else "module"
-        }
+        watched = self.trace if self.traced else self.recorded
+        names = {name: watched(name, value) for name, value in functions.items()}
+        return names | {"NOTE_LEVEL": "note" if self.seed % 4 else "module"}
 
 
 def run(seed, rules, traced, fail_at=None, disturb_at=None, odd=False):

@@ -17,6 +17,7 @@ Object file_name(Where where) {
 /// Instructions of the interpreter, in the order of their execution.
 class Assembly {
  public:
+  static constexpr std::size_t most = 16;
   void emit(int operation, std::size_t argument = 0) {
     *end_++ = static_cast<char>(operation);
     *end_++ = static_cast<char>(argument);
@@ -24,7 +25,7 @@ class Assembly {
   Object bytes() const { return steal(PyBytes_FromStringAndSize(code_, end_ - code_)); }
 
  private:
-  char code_[32];
+  char code_[2 * most];
   char* end_ = code_;
 };
 
@@ -48,6 +49,7 @@ Object code_of(const char* name, int arity, int stack, int flags, Handle bytecod
 }  // namespace
 
 Object bytecode_of(std::size_t arity) {
+  static_assert(Bytecodes::most_parameters + 3 <= Assembly::most);
   Assembly code;
   code.emit(LOAD_CONST, 1);
   for (std::size_t i = 0; i < arity; ++i) code.emit(LOAD_FAST, i);

@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import threading
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
-from contextlib import contextmanager, suppress
+from contextlib import contextmanager
 from typing import Any
 
 import sqlalchemy as sa
@@ -161,9 +161,12 @@ class Database:
                 last_step()
                 savepoint.commit()
             except BaseException:
-                # With the disk full SQLite has undone the whole transaction, and there is no savepoint to go back to.
-                with suppress(sa.exc.OperationalError):
-                    savepoint.rollback()
+                try:
+                    if savepoint.is_active:
+                        savepoint.rollback()
+                except sa.exc.OperationalError:
+                    # With the disk full SQLite has undone the whole transaction: what follows must not be committed.
+                    outer.invalidate()
                 raise
             return
         with self.engine.connect() as connection:

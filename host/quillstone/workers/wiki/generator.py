@@ -55,8 +55,8 @@ class WikiWorkspace:
     def files_without_rows(self) -> list[str]:
         """Page files that belong to no stored page, by page id: left by a run that was killed, or somebody's own."""
         stored = {page_id for page_id, row in self.stored_pages().items() if row["level"] != NOTE_LEVEL}
-        files = {path.relative_to(self.pages_dir).as_posix() for path in self.pages_dir.rglob("*.md")}
-        return sorted({name.removesuffix(".md") for name in files} - stored)
+        files = [path.relative_to(self.pages_dir) for path in self.pages_dir.rglob("*.md") if not path.is_dir()]
+        return sorted({path.as_posix().removesuffix(".md") for path in files} - stored)
 
 
 class TreeIndexer(WikiWorkspace):

@@ -48,8 +48,8 @@ def sweep_temporary_files(folder: Path) -> None:
 
     For whoever keeps all other writers out.
     """
-    for leftover in folder.rglob(f".page-{'[0-9a-f]' * 16}.tmp"):
-        with contextlib.suppress(OSError):
+    with contextlib.suppress(OSError):
+        for leftover in folder.rglob(f".page-{'[0-9a-f]' * 16}.tmp"):
             leftover.unlink()
 
 

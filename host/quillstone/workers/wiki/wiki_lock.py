@@ -8,7 +8,7 @@ import logging
 import os
 import time
 from collections.abc import Iterator
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, suppress
 from pathlib import Path
 from weakref import WeakSet
 
@@ -28,6 +28,13 @@ def _close_inherited() -> None:
 
 
 os.register_at_fork(after_in_child=_close_inherited)
+
+
+def _note(file: io.FileIO, holder: bytes) -> None:
+    # For people to read: a full disk is no reason not to work.
+    with suppress(OSError):
+        file.truncate(0)
+        file.write(holder)
 
 
 class WikiLock:
@@ -57,12 +64,11 @@ class WikiLock:
                 self._wait_for(file)
             try:
                 self._held = file
-                file.truncate(0)
-                file.write(b"%d\n" % os.getpid())
+                _note(file, b"%d\n" % os.getpid())
                 yield
             finally:
                 if not file.closed:  # as it is in a child that was forked in the block
-                    file.truncate(0)
+                    _note(file, b"")
                 self._held = None
         # Closing the file lets go of the lock.
 
@@ -81,7 +87,7 @@ class WikiLock:
             except BlockingIOError:
                 written = os.pread(file.fileno(), 32, 0)
             # What a killed process left stands there until the next holder has written: believe what stays.
-            holder = f"process {written.decode().strip()}" if written and written == seen else ""
+            holder = f"process {int(written)}" if written.strip().isdigit() and written == seen else ""
             seen = written
             if time.monotonic() >= deadline:
                 raise WikiBusyError(

@@ -25,8 +25,8 @@ test-postgres: $(VENV)/postgres.stamp  ## the demo, and each test that uses a da
 		$(BIN)/python -m pytest -k postgresql $(TESTS)'
 
 reliability: $(VENV)/postgres.stamp  ## all of these tests, and their figures into RELIABILITY.md
-	$(BIN)/python -m pytest --figures RELIABILITY.md
-	$(BIN)/python tests/postgres_server.py $(BIN)/python -m pytest -k postgresql --figures RELIABILITY.md
+	$(BIN)/python -m pytest --figures=RELIABILITY.md tests
+	$(BIN)/python tests/postgres_server.py $(BIN)/python -m pytest -k postgresql --figures=RELIABILITY.md tests
 
 # The module built another way, found before the installed one.
 build/%/quillstone: $(VENV)/test.stamp $(MODULE)
@@ -35,13 +35,14 @@ build/%/quillstone: $(VENV)/test.stamp $(MODULE)
 	$(BIN)/cmake --install build/$* --prefix build/$* >/dev/null
 	@touch $@
 
-SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 \
+SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=$(1) \
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" $(BIN)/python
 SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_strange.py
 
 sanitize: build/Sanitize/quillstone  ## the suite and the sweeps under AddressSanitizer and UndefinedBehaviorSanitizer
-	$(SANITIZED) -m pytest -m "not long" $(TESTS)
-	$(SANITIZED) -m pytest -m long $(SWEEPS)
+	$(call SANITIZED,0) -m pytest -m "not long" $(TESTS)
+	$(call SANITIZED,1) -m pytest -m long $(SWEEPS)
+	$(call SANITIZED,1) -m pytest -m "not long" $(SWEEPS) tests/test_language.py tests/test_rules.py tests/test_surface.py
 
 coverage: build/Coverage/quillstone $(VENV)/coverage.stamp  ## which lines and branches of the C++ the suite and the sweeps run
 	find build/Coverage -name '*.gcda' -delete

@@ -100,7 +100,7 @@ def switching_often():
 
 @pytest.mark.parametrize(
     ("make", "prunes", "interruptions"),
-    [(Wiki, 10, 0), (MemoryWiki, 0, 200), pytest.param(MemoryWiki, 0, 3000, marks=pytest.mark.long)],
+    [(Wiki, 10, 0), (MemoryWiki, 0, 200), pytest.param(MemoryWiki, 0, 20_000, marks=pytest.mark.long)],
 )
 def test_threads_and_signals_do_not_meet(tmp_path, monkeypatch, make, prunes, interruptions, switching_often, figures):
     """Threads prune wikis of their own while a signal handler raises in the middle of the main thread's prunes.

@@ -67,7 +67,7 @@ Object code_over(const Signature& signature, Handle bytecode, Handle shell) {
 }
 
 Object generator_code(const char* name, Where where) {
-  enum Variable { members, function, member };
+  constexpr std::size_t members = 0, function = 1, member = 2;
   constexpr std::size_t loop = 3, end = 11;  // by instructions
   Assembly code;
   code.emit(GEN_START);

@@ -17,8 +17,8 @@ from quillstone.workers.wiki.replan_carry import ReplanRemap, cached_prose
 from wikis import Wiki
 
 REMAP, PLAN = ReplanRemap({"new": "old"}, {"b": ["a"]}), {"b", "new"}
-ROUNDS = [("imports", 300, 8000), pytest.param("imports", 1000, 4000, marks=pytest.mark.long)]
-ROUNDS += [("subinterpreters", 40, 30_000), pytest.param("subinterpreters", 1000, 4000, marks=pytest.mark.long)]
+ROUNDS = [("imports", 300, 8000), pytest.param("imports", 1000, 2000, marks=pytest.mark.long)]
+ROUNDS += [("subinterpreters", 40, 30_000), pytest.param("subinterpreters", 1000, 2000, marks=pytest.mark.long)]
 
 
 @pytest.mark.parametrize(("what", "rounds", "bound"), ROUNDS)
@@ -28,7 +28,7 @@ def test_what_is_dropped_is_freed(what, rounds, bound, figures):
     command = [sys.executable, program, what, f"{rounds}"]
     printed = subprocess.run(command, check=True, capture_output=True, text=True).stdout
     bytes_a_round, blocks, alive = map(int, printed.split())
-    assert (alive, bytes_a_round < bound, blocks < 50) == (0, True, True), printed
+    assert (alive, bytes_a_round < bound, blocks < rounds / 4) == (0, True, True), printed
     figures[f"{what} that came and went"] += rounds
 
 
@@ -92,6 +92,7 @@ def replan(wiki, interrupted_by=None):
 def switching_often():
     interval = sys.getswitchinterval()
     sys.setswitchinterval(1e-4)
+    gc.collect()
     gc.disable()  # whose callbacks swallow what a signal handler raises in them
     yield
     gc.enable()

@@ -60,6 +60,28 @@ def test_no_prose_is_lost_by_merges_at_once(repository, database, tmp_path, figu
         figures[f"merges at once ({repository.db.engine.dialect.name})"] += len(pages)
 
 
+@pytest.mark.parametrize("way", ["apply", "prune"])
+def test_the_wiki_is_held_at_every_use_of_the_store(generator, monkeypatch, way):
+    def watched(method):
+        def call(*arguments, **fields):
+            with pytest.raises(WikiBusyError), WikiLock(generator.pages_dir.parent, 0).held():
+                pass
+            used.add(method.__name__)
+            return method(*arguments, **fields)
+
+        return call
+
+    rows, remap, used = generator.stored_pages(), ReplanRemap({"moved": "lone"}, {}), set()
+    plan_ids = {"moved", *rows} - {"lone"}
+    for name in ("get_wiki_pages", "list_indexed_files", "upsert_wiki_page", "delete_wiki_page"):
+        monkeypatch.setattr(generator.repository, name, watched(getattr(generator.repository, name)))
+    if way == "apply":
+        generator._apply_replan_to_store(remap, plan_ids)
+    else:
+        generator._prune_retired_pages(rows, plan_ids, remap)
+    assert len(used) == 4
+
+
 def test_branches_open_and_index_one_database_at_once(database, tmp_path):
     def index(tree):
         start.wait(60)

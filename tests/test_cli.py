@@ -62,10 +62,12 @@ def test_a_wiki_from_index_to_apply(here):
     shown = json.loads(run("show a --json"))
     assert shown["status"] == "stale" and "What c is for." in shown["text"]
     assert run("show a").strip("\n") == shown["text"].strip("\n") and "A thought." in run("show n")
+    folders = [f".page-{digit * 16}.tmp" for digit in "123456789"]
     write_files(here / "wiki" / "pages", {"own.md": "", f".page-{'0' * 16}.tmp": "", ".page-own.tmp": "", "n.md": ""})
+    write_files(here / "wiki" / "pages", {f"{folder}/own": "" for folder in folders})
     assert json.loads(run("apply none.json --json"))["files_without_rows"] == ["n", "own"]
     assert "n.md, own.md" in run("show") and "n.md, own.md" in run("apply none.json")
-    assert {path.name for path in (here / "wiki" / "pages").glob(".*")} == {".page-own.tmp"}
+    assert {path.name for path in (here / "wiki" / "pages").glob(".*")} == {".page-own.tmp", *folders}
     listed = [row["page_id"] for row in json.loads(run("show --json"))]
     assert listed == ["a", "family.deep", "family.deep.right", "family.left", "kin", "n", "root"]
     (here / "tree").rename(here / "moved")

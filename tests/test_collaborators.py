@@ -65,9 +65,10 @@ def test_page_prose_takes_off_only_what_was_generated():
     text = page_text("T", ["a.py"], {}, "# T\n\n  prose")
     assert page_prose(text.replace("# T\n", "# Mine\n", 1), row) == "# Mine\n\n# T\n\n  prose"
     assert page_prose("# T\n\nprose without a block", row) == "# T\n\nprose without a block"
-    assert page_prose(" \n", row) == page_prose(None, row) == "cached"
+    assert page_prose(" \n", row) == page_prose("\ufeff", row) == page_prose(None, row) == "cached"
     (section,) = carried_sections([("M", "merged")])
     assert page_prose(with_carried("", [section]), row) == f"cached\n\n{section}"
+    assert page_prose(with_carried("\t", [section]), row) == f"cached\n\n{section}"
     assert page_prose(text + text, row).endswith(text.strip("\n"))  # a second generated block was pasted
     assert not any(map(replan_carry.cached_prose, [{}, {"build_cache": '{"prose": "x"}'}, {"build_cache": {}}]))
 

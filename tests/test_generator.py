@@ -2,6 +2,7 @@
 
 import os
 from functools import partial
+from shutil import rmtree
 from threading import Thread
 
 import pytest
@@ -10,9 +11,10 @@ from hypothesis import strategies as st
 
 from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
 from quillstone.storage.repository import check_page_id
+from quillstone.wiki_cli.demo import CommitError, failing_commits
 from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.planning import LONGEST_ID, folder_page_id
-from quillstone.workers.wiki.replan import preview_replan, run_replan
+from quillstone.workers.wiki.replan import Replan, check_replan, preview_replan, run_replan
 from quillstone.workers.wiki.replan_carry import ReplanRemap, page_prose
 from trees import files_below, write_files
 
@@ -22,7 +24,7 @@ ALL = {"root", "a", "a.b", "a.b.c", "family", "family.deep", "family.deep.right"
 REFUSED = [  # seeds, merges, and what is not in the plan
     ({}, {"a.b": ["a.b.c"]}, {"a.b", "a.b.c"}), ({"new": "a.b"}, {}, {"a.b", "new"}), ({}, {"note": ["a"]}, {"a"}),
     ({}, {"a.b": ["a"], "a": ["a.b"]}, {"a", "a.b"}), ({"taken": "a"}, {}, {"a"}), ({"../new": "a.b"}, {}, {"a.b"}),
-    ({"new": "note"}, {}, set()), ({"linked/new": "a.b"}, {}, {"a.b"}),
+    ({"new": "note"}, {}, set()), ({"linked/new": "a.b"}, {}, {"a.b"}), ({"here/a.b": "a.b"}, {}, {"a.b"}),
 ]  # fmt: skip
 
 
@@ -87,6 +89,43 @@ def test_a_replan_and_the_note_of_it_are_committed_together(generator, monkeypat
     assert generator.stored_pages() == before and "Said in a README." in text(generator, "lone")
 
 
+def test_what_a_failed_commit_left_is_taken_up_again(generator, tree):
+    remap, plan_ids = {"new": "lone"}, ALL - {"lone"} | {"new"}
+    with failing_commits(generator), pytest.raises(CommitError):
+        generator.apply_replan(remap, plan_ids)
+    with failing_commits(generator), pytest.raises(CommitError):
+        generator.file_note("note", "A note", "text")
+    write_files(tree, {"lone/y.c": "int y;"})
+    assert (generator.index(), generator.build(), generator.apply_replan(remap, plan_ids)) == ((8, 9), (len(ALL), 0), 1)
+    assert "Said in a README." in text(generator, "new")
+    assert generator.file_note("note", "A note", "text").read_text() == "# A note\n\ntext\n"
+
+
+@pytest.mark.parametrize("blank", ["", " \n\t", "\ufeff\n"])
+def test_cached_prose_outlives_a_blank_page(generator, blank):
+    write_files(generator.pages_dir, {"a.md": text(generator, "a") + "\nBy hand.\n"})
+    generator.build()
+    write_files(generator.pages_dir, {"a.md": blank})
+    remap, plan_ids = ReplanRemap({}, {"a": ["a.b"]}), ALL - {"a.b"}
+    with failing_commits(generator), pytest.raises(CommitError):
+        generator.apply_replan(remap, plan_ids)
+    write_files(generator.pages_dir, {"a.md": text(generator, "a").replace("What b", "In short, what b")})
+    generator.apply_replan(remap, plan_ids)
+    generator.build()
+    assert "By hand." in text(generator, "a") and "In short, what b is for." in text(generator, "a")
+
+
+def test_a_page_of_no_folder_takes_no_prose(generator, tree):
+    """A build would take it for a page that left the plan."""
+    rmtree(tree / "lone")
+    generator.index()
+    rows, planned = generator.stored_pages(), {plan.page_id for plan in generator.plan()}
+    with pytest.raises(ReplanError, match="of no folder"):
+        check_replan(Replan(rename={"lone": "new"}), rows, planned)
+    for merge in ({"a": ["lone"]}, {"lone": ["a"]}):
+        check_replan(Replan(merge), rows, planned)
+
+
 def test_a_wiki_stays_with_its_tree(generator, tmp_path):
     with pytest.raises(TreeError, match="this wiki is about"):
         WikiGenerator(generator.repository, write_files(tmp_path / "other", {"x.py": ""}), "main", tmp_path).index()
@@ -97,8 +136,9 @@ def test_a_page_kept_because_the_index_is_behind_is_not_forgotten(generator):
     generator.repository.forget_indexed_files(["a/b/c/three.py", "family/left/l.py", "family/deep/right/r.py"])
     behind = ["a.b.c", "family", "family.deep", "family.deep.right", "family.left"]
     assert {plan.page_id for plan in generator.plan()} == ALL.difference(behind)
-    with pytest.raises(ReplanError, match="index the tree"):
-        generator.apply_replan({"new": "a.b.c"}, ALL.difference(behind) | {"new"})
+    for seed in ("a.b.c", "family"):
+        with pytest.raises(ReplanError, match="index the tree"):
+            generator.apply_replan({"new": seed}, ALL.difference(behind) | {"new"})
     outcome = run_replan(generator, ReplanRemap({}, {"a": ["a.b.c"]}), ALL.difference(behind))
     assert (outcome.index_behind, outcome.deleted, len(outcome.warnings)) == (behind, 0, len(behind))
     assert (generator.index(), generator.build()) == ((7, 8), (len(ALL), 0))
@@ -109,6 +149,7 @@ def test_what_would_lose_prose_is_refused(generator, tmp_path, seeds, merges, go
     generator.file_note("note", "A note", "text")
     write_files(tmp_path, {"wiki/pages/taken.md": "somebody's own", "tree/note/x.py": ""})
     (generator.pages_dir / "linked").symlink_to(tmp_path)
+    (generator.pages_dir / "here").symlink_to(".")
     generator.index()
     before, remap, plan_ids = state(generator), ReplanRemap(seeds, merges), {*ALL, *seeds, *merges} - gone
     with pytest.raises((ReplanError, PageIdError)):
@@ -123,6 +164,8 @@ def test_a_page_whose_file_has_no_content(generator, make):
     """A preview tells what the replan then does; only a successor that is a link to itself cannot be written."""
     (generator.pages_dir / "a.b.c.md").unlink()
     make(generator.pages_dir / "a.b.c.md")
+    for link in ("here", "there"):
+        (generator.pages_dir / link).symlink_to(".")
     before = generator.stored_pages()
     if make != os.mkfifo and make.args == ("a.b.c.md",):
         with pytest.raises(OSError):
@@ -132,6 +175,7 @@ def test_a_page_whose_file_has_no_content(generator, make):
     preview = preview_replan(generator, remap, plan_ids)
     assert generator.stored_pages() == before and (generator.pages_dir / "a.b.c.md").lstat()
     outcome = run_replan(generator, remap, plan_ids)
+    assert outcome.files_without_rows == preview.files_without_rows == []
     assert outcome.merged == preview.merged == {"a.b.c": "a"} and text(generator, "a").count("What c is for.") == 1
 
 

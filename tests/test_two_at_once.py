@@ -144,6 +144,18 @@ def test_a_lock_has_one_holder_and_lets_signals_in(tmp_path, caplog, monkeypatch
         child.kill()
 
 
+def test_a_lock_file_is_nobody_elses(tmp_path):
+    (mine := tmp_path / "mine.txt").write_text("Mine.")
+    (tmp_path / ".lock").symlink_to(mine)
+    with pytest.raises(OSError), WikiLock(tmp_path).held():
+        pass
+    (tmp_path / ".lock").unlink()
+    os.link(mine, tmp_path / ".lock")
+    with WikiLock(tmp_path).held():
+        pass
+    assert mine.read_text() == "Mine."
+
+
 def test_a_lock_file_that_is_deleted_meanwhile_lets_nobody_in_twice(tmp_path, monkeypatch):
     def tidy():
         (tmp_path / ".lock").unlink()

@@ -216,8 +216,9 @@ def check_database_file(url: str) -> None:
 def checked_replan(generator: WikiGenerator, path: Path) -> tuple[Replan, set[str]]:
     """The replan of a file, found to fit the stored pages, and the page ids of the plan after it."""
     document = read_replan(path)
-    check_replan(document, generator.stored_pages())
-    return document, document.plan_ids({plan.page_id for plan in generator.plan()})
+    planned = {plan.page_id for plan in generator.plan()}
+    check_replan(document, generator.stored_pages(), planned)
+    return document, document.plan_ids(planned)
 
 
 @contextmanager

@@ -71,8 +71,9 @@ def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
     if lagging:
         generator.repository.forget_indexed_files(plans[lagging].source_files)
     result.replan = replan
-    remap, plan_ids = replan.remap, replan.plan_ids({plan.page_id for plan in generator.plan()})
-    check_replan(replan, generator.stored_pages())
+    planned = {plan.page_id for plan in generator.plan()}
+    remap, plan_ids = replan.remap, replan.plan_ids(planned)
+    check_replan(replan, generator.stored_pages(), planned)
     prose = authored_prose(generator)
     result.merged_prose = sum(bool(prose[page_id][1].strip()) for pages in replan.merge.values() for page_id in pages)
     result.longest_chain = max((chain_length(replan, successor) for successor in replan.merge), default=0)

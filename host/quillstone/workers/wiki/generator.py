@@ -11,17 +11,17 @@ from typing import Any, cast
 from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
 from quillstone.storage.repository import Repository, check_page_id
 from quillstone.workers.wiki import authoring
-from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from quillstone.workers.wiki.page_retirement import PageRetirementMixin, _judged_sources
 from quillstone.workers.wiki.planning import Placement, folder_of, folder_page_id, plan_pages, planned_folders
 from quillstone.workers.wiki.replan_carry import (
-    cached_prose,
+    is_blank,
     join_prose,
     lineages,
     page_prose,
     split_carried,
     text_digest,
 )
-from quillstone.workers.wiki.repo_facts import _atomic_write, _norm, sweep_temporary_files
+from quillstone.workers.wiki.repo_facts import _atomic_write, sweep_temporary_files
 from quillstone.workers.wiki.source_tree import file_record, list_files
 from quillstone.workers.wiki.wiki_lock import WikiLock
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan
@@ -113,14 +113,16 @@ class NoteKeeper(WikiWorkspace):
         if "/" in note_id:
             raise PageIdError(f"note id {note_id!r} holds a slash; notes lie side by side in one folder")
         path = self.pages_dir.parent / "notes" / f"{note_id}.md"
+        prose, title = authoring.clean_text(text).strip("\n"), authoring.clean_text(title)
+        content = f"# {title}\n\n{prose}\n"
         with self.lock.held():
-            if note_id in self.stored_pages() or path.exists():
+            # The same text without a row is what a run left whose commit failed.
+            is_taken = path.exists() and not (path.is_file() and path.read_bytes() == content.encode())
+            if is_taken or note_id in self.stored_pages():
                 raise HostError(f"the id {note_id!r} is taken by a page or a note; choose another, or edit {path}")
-            prose = authoring.clean_text(text).strip("\n")
-            title = authoring.clean_text(title)
             with self.repository.db.transaction():  # the file last: without it the row goes, too
                 self.repository.file_note(self.branch, note_id, title, authoring.split_chunks(prose))
-                _atomic_write(path, f"# {title}\n\n{prose}\n")
+                _atomic_write(path, content)
         return path
 
 
@@ -164,7 +166,7 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
         draft = join_prose(self._drafts(plan))
         own, sections = split_carried(page_prose(before, row))
         cache = row.get("build_cache") or {}
-        if not own or cache.get("draft") == text_digest(own):
+        if is_blank(own) or cache.get("draft") == text_digest(own):
             own = draft
         prose = join_prose([own, *sections])
         links = {page_id: titles[page_id] for page_id in plan.related_pages}
@@ -209,9 +211,11 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
 
     def _page_text(self, page_id: str) -> str | None:
         try:
-            return super()._page_text(page_id)
+            text = super()._page_text(page_id)
         except UnicodeDecodeError as error:
             raise HostError(f"{self.pages_dir / page_id}.md is not UTF-8; save it as UTF-8") from error
+        # What is carried to a blank page follows its cached prose.
+        return None if text is None or is_blank(text) else text
 
     def _apply_replan_to_store(self, remap: Mapping[str, str], plan_ids: set[str]) -> int:
         with self.lock.held():
@@ -221,14 +225,17 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
         with self.lock.held():
             for folder in (self.pages_dir, self.pages_dir.parent / "notes"):
                 sweep_temporary_files(folder)
-            self._refuse_what_loses_prose({} if remap is None else remap, plan_ids)
+            self._refuse_what_loses_prose(existing, plan_ids, {} if remap is None else remap)
             started = time.perf_counter()
             deleted = super()._prune_retired_pages(existing, plan_ids, remap)
             self.prune_seconds = time.perf_counter() - started
         return deleted
 
-    def _refuse_what_loses_prose(self, remap: Mapping[str, str], plan_ids: set[str]) -> None:
+    def _refuse_what_loses_prose(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str]) -> None:
         origins = lineages(remap)
+        pages = {page_id for page_id, row in existing.items() if row.get("level") != NOTE_LEVEL}
+        going = (pages - plan_ids) | self._notes_whose_file_is_gone(existing)
+        self._refuse_to_share_files(going, (existing.keys() | origins.keys()) - going)
         safe = set(plan_ids).union(*(pages for successor, pages in origins.items() if successor in plan_ids))
         rows = self.stored_pages() if origins else {}
         for page_id in rows.keys() & {page_id for pages in origins.values() for page_id in pages}:
@@ -247,16 +254,34 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
                 if rows.get(page_id, {}).get("level") == NOTE_LEVEL:
                     raise ReplanError(f"{page_id!r} is a note; only pages are merged and renamed")
             seed = rows.get(remap.get(successor, ""))
-            if seed and successor not in rows and seed["page_id"] not in plan_ids and self._is_behind(seed):
+            if seed and successor not in rows and seed["page_id"] not in plan_ids and self._is_behind(seed, rows):
                 raise ReplanError(f"the index lacks the sources of {seed['page_id']!r}; index the tree, then rename it")
             if seed and successor not in rows and not self._may_be_written(successor, seed):
                 raise ReplanError(
                     f"{self.pages_dir / successor}.md exists but no stored page owns it; move it out of the way"
                 )
 
-    def _is_behind(self, page: dict[str, Any]) -> bool:
+    def _refuse_to_share_files(self, going: set[str], staying: set[str]) -> None:
+        # By a link to a folder, or where letter case is ignored, two ids may be one file: it would go with the one.
+        files = {self._file_identity(page_id): page_id for page_id in going}
+        for page_id in sorted(staying) if files.keys() - {None} else ():
+            identity = self._file_identity(page_id)
+            if identity and identity in files:
+                raise ReplanError(
+                    f"pages {page_id!r} and {files[identity]!r} are one file, which would be removed with the latter; "
+                    "give each page a file of its own"
+                )
+
+    def _file_identity(self, page_id: str) -> tuple[int, int] | None:
+        try:
+            status = (self.pages_dir / f"{page_id}.md").lstat()
+        except (OSError, ValueError):
+            return None
+        return status.st_dev, status.st_ino
+
+    def _is_behind(self, page: dict[str, Any], rows: Rows) -> bool:
         # The prune would keep the old page; the new one, of no folder then, would go with the next build.
-        sources = {_norm(path) for path in page["source_files"]}
+        sources = set(_judged_sources(page, rows))
         return not sources & self._indexed_paths() and any((self.repo_root / path).exists() for path in sources)
 
     def _may_be_written(self, page_id: str, seed: dict[str, Any]) -> bool:
@@ -265,7 +290,7 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
         if text is None:
             return True
         base = self._page_text(seed["page_id"])
-        return split_carried(text)[0] == split_carried(cached_prose(seed) if base is None else base)[0]
+        return split_carried(page_prose(text, seed))[0] == split_carried(page_prose(base, seed))[0]
 
 
 def _real_path(path: Path) -> Path:

@@ -7,7 +7,7 @@ import logging
 import shutil
 import tempfile
 from collections import Counter
-from collections.abc import Iterator, Mapping
+from collections.abc import Callable, Iterator, Mapping
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -99,8 +99,8 @@ def _is_ids(value: Any) -> bool:
     return isinstance(value, list) and all(isinstance(page_id, str) for page_id in value)
 
 
-def check_replan(replan: Replan, rows: Rows) -> None:
-    """Raise `ReplanError` or `PageIdError` when the replan does not fit the stored pages."""
+def check_replan(replan: Replan, rows: Rows, planned: set[str]) -> None:
+    """Raise `ReplanError` or `PageIdError` when the replan does not fit the stored pages and the plan before it."""
     retired = replan.retired
     new_ids = Counter(replan.rename.values())
     for page_id in [*replan.merge, *new_ids]:
@@ -124,6 +124,12 @@ def check_replan(replan: Replan, rows: Rows) -> None:
     for page_id in set(retired).difference(replan.drop):
         if page_id == replan.holder(page_id):
             raise ReplanError(f"page {page_id!r} would be merged into itself; break the circle")
+    for successor, pages in lineages(replan.remap).items():
+        if planned.isdisjoint((successor, *pages)):
+            raise ReplanError(
+                f"page {successor!r} would be of no folder that is indexed, so the next build would delete it; "
+                "rename or merge into the page of a folder that is"
+            )
 
 
 def run_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set[str]) -> ReplanOutcome:
@@ -146,14 +152,21 @@ def preview_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids:
     with generator.lock.held(), tempfile.TemporaryDirectory() as copy, generator.repository.db.rehearsal():
         for name in ("pages", "notes"):
             if (wiki_dir / name).is_dir():
-                shutil.copytree(wiki_dir / name, Path(copy) / name, ignore=_no_content)
+                shutil.copytree(wiki_dir / name, Path(copy) / name, ignore=_no_content(wiki_dir.resolve()))
         rehearsed = WikiGenerator(generator.repository, generator.repo_root, generator.branch, Path(copy))
         return run_replan(rehearsed, remap, plan_ids)
 
 
-def _no_content(folder: str, names: list[str]) -> list[str]:
-    # Links that lead nowhere, pipes and the like: pages without a file, as a replan sees them.
-    return [name for name in names if not ((path := Path(folder) / name).is_file() or path.is_dir())]
+def _no_content(wiki_dir: Path) -> Callable[[str, list[str]], list[str]]:
+    # Links that lead nowhere, pipes and the like: pages without a file, as a replan sees them. Nor is a folder copied
+    # that leads back into the wiki: links of that kind multiply.
+    def is_page_or_folder(path: Path) -> bool:
+        if path.is_symlink() and path.is_dir():
+            target = path.resolve()
+            return wiki_dir != target and wiki_dir not in target.parents and target not in wiki_dir.parents
+        return path.is_file() or path.is_dir()
+
+    return lambda folder, names: [name for name in names if not is_page_or_folder(Path(folder, name))]
 
 
 def _sort_pages(

@@ -130,7 +130,7 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
             sections alone, which a replan that failed may have left in a blank file, they follow the cached prose.
         row: the page row; a title line is the page's own only as the row spells it.
     """
-    if text is None or not text.strip():
+    if text is None or is_blank(text):
         return cached_prose(row)
     title_line = page_title_line(row.get("title") or row.get("page_id") or "")
     pieces: list[str] = []
@@ -144,7 +144,12 @@ def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
             pieces.append(pieces.pop().rstrip("\n").removesuffix(title_line))
     prose, cached = join_prose(pieces), cached_prose(row)
     own, sections = split_carried(prose)
-    return with_carried(cached, sections).strip("\n") if sections and cached and not own else prose
+    return with_carried(cached, sections).strip("\n") if sections and cached and is_blank(own) else prose
+
+
+def is_blank(text: str) -> bool:
+    """Whether the text is nothing but white space, perhaps after a byte order mark."""
+    return not text.lstrip("\ufeff").strip()
 
 
 def page_title_line(title: str) -> str:

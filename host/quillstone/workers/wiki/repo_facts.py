@@ -50,7 +50,8 @@ def sweep_temporary_files(folder: Path) -> None:
     """
     with contextlib.suppress(OSError):
         for leftover in folder.rglob(f".page-{'[0-9a-f]' * 16}.tmp"):
-            leftover.unlink()
+            with contextlib.suppress(OSError):
+                leftover.unlink()
 
 
 def _fsync_folder(folder: Path) -> None:

@@ -31,10 +31,15 @@ os.register_at_fork(after_in_child=_close_inherited)
 
 
 def _note(file: io.FileIO, holder: bytes) -> None:
-    # For people to read: a full disk is no reason not to work.
+    # For people to read: a full disk is no reason not to work, and what is no holder's number is not ours to empty.
     with suppress(OSError):
-        file.truncate(0)
-        file.write(holder)
+        if not os.pread(file.fileno(), 32, 0).strip(b"0123456789\n"):
+            file.truncate(0)
+            file.write(holder)
+
+
+def _open_no_link(path: str, flags: int) -> int:
+    return os.open(path, flags | os.O_NOFOLLOW, 0o666)
 
 
 class WikiLock:
@@ -59,7 +64,7 @@ class WikiLock:
         with ExitStack() as opened:
             file = None
             while not file or not self._is_at_path(file):  # the file that is waited for may be deleted meanwhile
-                file = opened.enter_context(io.FileIO(str(self._path), "a+"))
+                file = opened.enter_context(io.FileIO(str(self._path), "a+", opener=_open_no_link))
                 _lock_files.add(file)
                 self._wait_for(file)
             try:

@@ -110,7 +110,7 @@ def test_who_waits_says_for_whom_and_a_killed_holder_blocks_nobody(generator, da
     build = ["build", "--wiki", str(wiki_dir), "--database", database]
     holder = started(hold)
     assert ready.wait(60) and (wiki_dir / ".lock").read_text() == f"{holder.pid}\n"
-    monkeypatch.setattr("quillstone.workers.wiki.generator.WikiLock", lambda folder: WikiLock(folder, 0.2))
+    monkeypatch.setattr("quillstone.workers.wiki.workspace.WikiLock", lambda folder: WikiLock(folder, 0.2))
     gave_up = run(build, status=2)
     assert (gave_up.split(" still works")[0], len(caplog.messages)) == (f"error: process {holder.pid}", 1)
     command = [sys.executable, "-c", "from quillstone.wiki_cli.app import main; main()", *build]

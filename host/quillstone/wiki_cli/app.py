@@ -26,7 +26,7 @@ from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.replan import (
     Replan,
     ReplanOutcome,
-    check_replan,
+    checked_plan,
     preview_replan,
     read_replan,
     run_replan,
@@ -216,9 +216,7 @@ def check_database_file(url: str) -> None:
 def checked_replan(generator: WikiGenerator, path: Path) -> tuple[Replan, set[str]]:
     """The replan of a file, found to fit the stored pages, and the page ids of the plan after it."""
     document = read_replan(path)
-    planned = {plan.page_id for plan in generator.plan()}
-    check_replan(document, generator.stored_pages(), planned)
-    return document, document.plan_ids(planned)
+    return document, checked_plan(generator, document)
 
 
 @contextmanager

@@ -10,10 +10,11 @@ from pathlib import Path
 
 import sqlalchemy as sa
 
-from quillstone.workers.wiki.generator import Rows, Track, WikiGenerator
+from quillstone.workers.wiki.generator import Track, WikiGenerator
 from quillstone.workers.wiki.planning import ROOT_PAGE
-from quillstone.workers.wiki.replan import Replan, ReplanOutcome, check_replan, run_replan
+from quillstone.workers.wiki.replan import Replan, ReplanOutcome, checked_plan, run_replan
 from quillstone.workers.wiki.replan_carry import cached_prose, carried_sections, split_carried
+from quillstone.workers.wiki.workspace import Rows
 from quillstone.workers.wiki_types import PagePlan
 
 NOTES = {
@@ -71,9 +72,7 @@ def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
     if lagging:
         generator.repository.forget_indexed_files(plans[lagging].source_files)
     result.replan = replan
-    planned = {plan.page_id for plan in generator.plan()}
-    remap, plan_ids = replan.remap, replan.plan_ids(planned)
-    check_replan(replan, generator.stored_pages(), planned)
+    remap, plan_ids = replan.remap, checked_plan(generator, replan)
     prose = authored_prose(generator)
     result.merged_prose = sum(bool(prose[page_id][1].strip()) for pages in replan.merge.values() for page_id in pages)
     result.longest_chain = max((chain_length(replan, successor) for successor in replan.merge), default=0)

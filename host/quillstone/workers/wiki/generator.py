@@ -2,17 +2,16 @@
 
 from __future__ import annotations
 
-import os
 import time
 from collections.abc import Callable, Iterable, Mapping
 from pathlib import Path
 from typing import Any, cast
 
-from quillstone.errors import HostError, PageIdError, ReplanError, TreeError
-from quillstone.storage.repository import Repository, check_page_id
+from quillstone.errors import HostError, PageIdError, TreeError
+from quillstone.storage.repository import check_page_id
 from quillstone.workers.wiki import authoring
-from quillstone.workers.wiki.page_retirement import PageRetirementMixin, _judged_sources
 from quillstone.workers.wiki.planning import Placement, folder_of, folder_page_id, plan_pages, planned_folders
+from quillstone.workers.wiki.prune_guard import PruneGuard
 from quillstone.workers.wiki.replan_carry import (
     is_blank,
     join_prose,
@@ -23,40 +22,16 @@ from quillstone.workers.wiki.replan_carry import (
 )
 from quillstone.workers.wiki.repo_facts import _atomic_write, sweep_temporary_files
 from quillstone.workers.wiki.source_tree import file_record, list_files
-from quillstone.workers.wiki.wiki_lock import WikiLock
+from quillstone.workers.wiki.workspace import Rows, WikiWorkspace
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan
 
 Track = Callable[[list[Any], str], Iterable[Any]]
 """Goes through a list and shows, under a label, how far it is."""
 
-Rows = dict[str, dict[str, Any]]
-
 
 def untracked(steps: list[Any], _label: str) -> Iterable[Any]:
     """Go through the steps and show nothing."""
     return steps
-
-
-class WikiWorkspace:
-    """The store, tree and folders that one wiki lives in. An object belongs to one thread."""
-
-    def __init__(self, repository: Repository, repo_root: Path, branch: str, wiki_dir: Path) -> None:
-        """Work on the wiki in `wiki_dir` (its pages/ and notes/) about the tree `repo_root`."""
-        self.repository = repository
-        self.repo_root = repo_root
-        self.branch = branch
-        self.pages_dir = wiki_dir / "pages"
-        self.lock = WikiLock(wiki_dir)
-
-    def stored_pages(self) -> Rows:
-        """The branch's page rows by page id."""
-        return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
-
-    def files_without_rows(self) -> list[str]:
-        """Page files that belong to no stored page, by page id: left by a run that was killed, or somebody's own."""
-        stored = {page_id for page_id, row in self.stored_pages().items() if row["level"] != NOTE_LEVEL}
-        files = [path.relative_to(self.pages_dir) for path in self.pages_dir.rglob("*.md") if not path.is_dir()]
-        return sorted({path.as_posix().removesuffix(".md") for path in files} - stored)
 
 
 class TreeIndexer(WikiWorkspace):
@@ -126,7 +101,7 @@ class NoteKeeper(WikiWorkspace):
         return path
 
 
-class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
+class WikiGenerator(PruneGuard, TreeIndexer, NoteKeeper):
     """Writes the wiki of one tree and applies plans to it."""
 
     prune_seconds = 0.0
@@ -209,14 +184,6 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
             with self.repository.db.ending_with(lambda: self._place_folders(remap, plan_ids, before)):
                 return self._apply_replan_to_store(remap, plan_ids)
 
-    def _page_text(self, page_id: str) -> str | None:
-        try:
-            text = super()._page_text(page_id)
-        except UnicodeDecodeError as error:
-            raise HostError(f"{self.pages_dir / page_id}.md is not UTF-8; save it as UTF-8") from error
-        # What is carried to a blank page follows its cached prose.
-        return None if text is None or is_blank(text) else text
-
     def _apply_replan_to_store(self, remap: Mapping[str, str], plan_ids: set[str]) -> int:
         with self.lock.held():
             return super()._apply_replan_to_store(remap, plan_ids)
@@ -230,69 +197,3 @@ class WikiGenerator(PageRetirementMixin, TreeIndexer, NoteKeeper):
             deleted = super()._prune_retired_pages(existing, plan_ids, remap)
             self.prune_seconds = time.perf_counter() - started
         return deleted
-
-    def _refuse_what_loses_prose(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str]) -> None:
-        origins = lineages(remap)
-        pages = {page_id for page_id, row in existing.items() if row.get("level") != NOTE_LEVEL}
-        going = (pages - plan_ids) | self._notes_whose_file_is_gone(existing)
-        self._refuse_to_share_files(going, (existing.keys() | origins.keys()) - going)
-        safe = set(plan_ids).union(*(pages for successor, pages in origins.items() if successor in plan_ids))
-        rows = self.stored_pages() if origins else {}
-        for page_id in rows.keys() & {page_id for pages in origins.values() for page_id in pages}:
-            self._page_text(page_id)  # one that cannot be read would stop the prune half-way
-        for successor in origins:
-            check_page_id(successor)
-            if _real_path(self.pages_dir) not in _real_path(self.pages_dir / f"{successor}.md").parents:
-                raise PageIdError(f"page id {successor!r} leads out of the pages folder by a link; choose another")
-            self._page_text(successor)
-            if successor not in safe:
-                raise ReplanError(
-                    f"page {successor!r} takes prose but is not in the plan, so the prose would go with it; "
-                    "keep the page or merge it on into one that stays"
-                )
-            for page_id in (successor, *origins[successor]):
-                if rows.get(page_id, {}).get("level") == NOTE_LEVEL:
-                    raise ReplanError(f"{page_id!r} is a note; only pages are merged and renamed")
-            seed = rows.get(remap.get(successor, ""))
-            if seed and successor not in rows and seed["page_id"] not in plan_ids and self._is_behind(seed, rows):
-                raise ReplanError(f"the index lacks the sources of {seed['page_id']!r}; index the tree, then rename it")
-            if seed and successor not in rows and not self._may_be_written(successor, seed):
-                raise ReplanError(
-                    f"{self.pages_dir / successor}.md exists but no stored page owns it; move it out of the way"
-                )
-
-    def _refuse_to_share_files(self, going: set[str], staying: set[str]) -> None:
-        # By a link to a folder, or where letter case is ignored, two ids may be one file: it would go with the one.
-        files = {self._file_identity(page_id): page_id for page_id in going}
-        for page_id in sorted(staying) if files.keys() - {None} else ():
-            identity = self._file_identity(page_id)
-            if identity and identity in files:
-                raise ReplanError(
-                    f"pages {page_id!r} and {files[identity]!r} are one file, which would be removed with the latter; "
-                    "give each page a file of its own"
-                )
-
-    def _file_identity(self, page_id: str) -> tuple[int, int] | None:
-        try:
-            status = (self.pages_dir / f"{page_id}.md").lstat()
-        except (OSError, ValueError):
-            return None
-        return status.st_dev, status.st_ino
-
-    def _is_behind(self, page: dict[str, Any], rows: Rows) -> bool:
-        # The prune would keep the old page; the new one, of no folder then, would go with the next build.
-        sources = set(_judged_sources(page, rows))
-        return not sources & self._indexed_paths() and any((self.repo_root / path).exists() for path in sources)
-
-    def _may_be_written(self, page_id: str, seed: dict[str, Any]) -> bool:
-        # A file without a row is somebody's own, unless a run that failed left it: then it is the seed's text.
-        text = self._page_text(page_id)
-        if text is None:
-            return True
-        base = self._page_text(seed["page_id"])
-        return split_carried(page_prose(text, seed))[0] == split_carried(page_prose(base, seed))[0]
-
-
-def _real_path(path: Path) -> Path:
-    # A link to itself stays as it is, for the writer to fail with OSError; `resolve` would raise RuntimeError.
-    return Path(os.path.realpath(path))

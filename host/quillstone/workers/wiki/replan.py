@@ -15,8 +15,9 @@ from typing import Any
 
 from quillstone.errors import ReplanError
 from quillstone.storage.repository import check_page_id
-from quillstone.workers.wiki.generator import Rows, WikiGenerator
+from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.replan_carry import ReplanRemap, lineages
+from quillstone.workers.wiki.workspace import Rows
 from quillstone.workers.wiki_types import NOTE_LEVEL
 
 PRUNE_LOGGER = "quillstone.workers.wiki.page_retirement"
@@ -130,6 +131,13 @@ def check_replan(replan: Replan, rows: Rows, planned: set[str]) -> None:
                 f"page {successor!r} would be of no folder that is indexed, so the next build would delete it; "
                 "rename or merge into the page of a folder that is"
             )
+
+
+def checked_plan(generator: WikiGenerator, replan: Replan) -> set[str]:
+    """The page ids of the plan after a replan that fits the wiki; raises what `check_replan` raises."""
+    planned = {plan.page_id for plan in generator.plan()}
+    check_replan(replan, generator.stored_pages(), planned)
+    return replan.plan_ids(planned)
 
 
 def run_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set[str]) -> ReplanOutcome:

@@ -8,13 +8,18 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test torture test-postgres reliability sanitize coverage lint bench bench-check format install-into clean
+.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
 
 test: $(VENV)/test.stamp
 	$(BIN)/python -m pytest -m "not long" $(TESTS)
+
+HOST_PYTHON ?= $(BIN)/python
+check-host: $(VENV)/test.stamp  ## what a host promises: make check-host HOST=package.module:factory [HOST_PYTHON=its interpreter]
+	@test -n "$(HOST)" || { echo "HOST=package.module:factory is missing; docs/hosts.md says what that is" >&2; exit 2; }
+	$(HOST_PYTHON) -m pytest conformance --host="$(HOST)"
 
 torture: $(VENV)/test.stamp  ## the tests that take minutes: failures at every step, kills, allocation failures
 	$(BIN)/python -m pytest -m long $(TESTS)

@@ -2,13 +2,13 @@ PYTHON ?= python3.10
 VENV := .venv
 BIN := $(VENV)/bin
 # scikit-build-core takes cmake and ninja from here, not from the machine.
-export PATH := $(CURDIR)/$(BIN):$(PATH)
+export PATH := $(abspath $(BIN)):$(PATH)
 export PIP_DISABLE_PIP_VERSION_CHECK := 1
 
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format install-into clean
+.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format wheel install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -82,6 +82,16 @@ format: $(VENV)/lint.stamp
 	$(BIN)/ruff check --fix
 	$(BIN)/ruff format
 
+# Of the commit, so that it gives the same bytes wherever and whenever it is built; a tree without git is of 1980.
+wheel: export SOURCE_DATE_EPOCH := $(or $(shell git log -1 --format=%ct 2>/dev/null),315532800)
+wheel: $(VENV)/wheel.stamp  ## sdist and wheel into dist/, the wheel's manylinux tag as auditwheel finds it
+	rm -rf dist build/dist
+	umask 022 && \
+	$(BIN)/python -c 'import scikit_build_core.build as build; build.build_sdist("dist")' && \
+	$(BIN)/pip wheel --quiet --no-build-isolation --no-deps -w build/dist dist/*.tar.gz && \
+	$(BIN)/auditwheel repair -w dist build/dist/*.whl
+	$(BIN)/auditwheel show dist/*.whl
+
 install-into:  ## the extension and its types into a host's own package tree: make install-into TREE=path
 	@test -d "$(TREE)/quillstone" || { echo "TREE=$(TREE) holds no package quillstone" >&2; exit 2; }
 	@$(MAKE) --no-print-directory $(VENV)/build.stamp
@@ -109,6 +119,10 @@ $(VENV)/module.stamp: $(VENV)/build.stamp $(MODULE)
 $(VENV)/demo.stamp: requirements/demo.txt host/pyproject.toml $(VENV)/module.stamp
 	$(BIN)/pip install --quiet -r $<
 	$(BIN)/pip install --quiet --no-build-isolation --no-deps -e host
+	@touch $@
+
+$(VENV)/wheel.stamp: requirements/wheel.txt $(VENV)/build.stamp
+	$(BIN)/pip install --quiet -r $<
 	@touch $@
 
 KINDS := bench coverage lint postgres test

@@ -1,5 +1,7 @@
 """What is shipped: the wheel and its types, in environments that hold nothing but a host of one's own."""
 
+import os
+import shutil
 import subprocess
 import sys
 import sysconfig
@@ -27,20 +29,32 @@ reveal_type(Host()._page_text("a"))
 """
 
 
-def run(*command, cwd: Path = ROOT):
-    done = subprocess.run([str(part) for part in command], cwd=cwd, capture_output=True, text=True)
+COMPILER = "as c++ g++ gcc gcc-ar gcc-nm gcc-ranlib ar ld nm objcopy objdump ranlib readelf sh strip uname".split()
+
+
+def run(*command, cwd: Path = ROOT, **options):
+    done = subprocess.run([str(part) for part in command], cwd=cwd, capture_output=True, text=True, **options)
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout
 
 
+def make_dist(checkout, **options):
+    """What `make wheel` leaves in dist/ of a copy of the checkout."""
+    for name in run("git", "ls-files", "--cached", "--others", "--exclude-standard").splitlines():
+        (checkout / name).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(ROOT / name, checkout / name)
+    run("make", "wheel", f"VENV={sys.prefix}", cwd=checkout, **options)
+    return sorted((checkout / "dist").iterdir())
+
+
 @pytest.fixture(scope="session")
-def wheel(tmp_path_factory):
-    """A wheel of an sdist of the checkout."""
-    folder = tmp_path_factory.mktemp("dist")
-    run(sys.executable, "-c", f"import scikit_build_core.build as build; build.build_sdist({str(folder)!r})")
-    (sdist,) = folder.iterdir()
-    run(sys.executable, "-m", "pip", "wheel", "--no-build-isolation", "--no-deps", "-w", folder, sdist)
-    return next(folder.glob("*.whl"))
+def dist(tmp_path_factory):
+    return make_dist(tmp_path_factory.mktemp("checkout"))
+
+
+@pytest.fixture(scope="session")
+def wheel(dist):
+    return next(path for path in dist if path.suffix == ".whl")
 
 
 def make_host(folder, packages):
@@ -58,7 +72,7 @@ def make_host(folder, packages):
 
 def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
     with zipfile.ZipFile(wheel) as archive:
-        names = {name for name in archive.namelist() if ".dist-info/" not in name}
+        names = {name for name in archive.namelist() if not name.endswith("/") and ".dist-info/" not in name}
         archive.extractall(tmp_path)
     assert names == {
         EXTENSION,
@@ -69,6 +83,31 @@ def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
     assert exported[2::3] == ["PyInit_page_retirement"]
     needed = run("readelf", "-d", tmp_path / EXTENSION)
     assert "libstdc++" not in needed and "libgcc" not in needed
+
+
+def test_the_wheel_is_named_after_the_systems_that_it_runs_on(wheel):
+    *_, tag = wheel.stem.split("-")
+    shown = " ".join(run(sys.executable, "-m", "auditwheel", "show", wheel).split())
+    assert tag.startswith("manylinux_2_") and f'consistent with the following platform tag: "{tag}"' in shown
+
+
+def test_the_same_commit_gives_the_same_bytes(dist, tmp_path):
+    again = make_dist(tmp_path / "somewhere else", umask=0o077)
+    assert {path.name: path.read_bytes() for path in dist} == {path.name: path.read_bytes() for path in again}
+
+
+@pytest.mark.long
+def test_the_sdist_needs_only_python_and_a_compiler(dist, tmp_path):
+    run(sys.executable, "-m", "venv", tmp_path / "env")
+    tools = tmp_path / "tools"
+    tools.mkdir()
+    for tool in filter(shutil.which, COMPILER):
+        (tools / tool).symlink_to(shutil.which(tool))
+    sdist = next(path for path in dist if path.name.endswith(".tar.gz"))
+    pip = [tmp_path / "env/bin/pip", "install", "--quiet", "--disable-pip-version-check", sdist]
+    run(*pip, env={**os.environ, "PATH": str(tools)})
+    host = make_host(tmp_path / "host", packages=False)
+    run(tmp_path / "env/bin/python", "-c", "from quillstone.workers.wiki import page_retirement", cwd=host)
 
 
 @pytest.mark.parametrize("host_is", ["a namespace package", "a regular package"])

@@ -4,10 +4,12 @@ import json
 import shutil
 import subprocess
 import sys
+from contextlib import closing
 
 import pytest
 from typer.testing import CliRunner
 
+from quillstone.storage.repository import Repository
 from quillstone.wiki_cli.app import app
 from trees import files_below, write_files
 
@@ -82,6 +84,32 @@ def test_a_user_error_is_one_line_and_changes_nothing(here, complaint, causes):
         error = run(cause if isinstance(cause, str) else "apply given.json", status=2)
         assert complaint in error and error.startswith("error: ") and error.count("\n") == 1 and "secret" not in error
         assert files_below(here) == before and not (here / "new").exists()
+
+
+def test_the_doctor_finds_what_is_out_of_order_and_changes_nothing(here):
+    assert "no wiki database" in run("doctor --wiki tree", status=2)
+    assert run("doctor") == "All is well.\n" and json.loads(run("doctor --json")) == []
+    write_files(here, {"replan.json": json.dumps({"merge": {"a": ["a.b"]}})})
+    run("apply replan.json")
+    run("note gone", stdin="gone")
+    pages = here / "wiki" / "pages"
+    text = (pages / "a.md").read_text()
+    write_files(pages, {"own.md": "own", "root.md": b"\xff", "a.md": text + text[text.index("<!-- carried ") :]})
+    (pages / "lone.md").unlink()
+    (here / "wiki" / "notes" / "gone.md").unlink()
+    with closing(Repository("sqlite:///wiki/wiki.sqlite")) as store:
+        store.forget_indexed_files(["a/b/c/three.py"])
+    before = {path: path.stat() for path in (here / "wiki").rglob("*")}
+    found = [(finding["kind"], finding["page"]) for finding in json.loads(run("doctor --json", status=1))]
+    assert found == [
+        ("file without a page", "own"), ("section that stands twice", "a"), ("page without a file", "lone"),
+        ("file that cannot be read", "root"), ("note without a file", "gone"), ("stale page", "a"),
+        ("page kept as the index is behind", "a.b.c"),
+    ]  # fmt: skip
+    printed = " ".join(run("doctor", status=1).replace("│", "").split())
+    assert "'a/b' stands there 2 times" in printed and "notes/gone.md back" in printed
+    assert {path: path.stat()[:9] for path in before} == {path: status[:9] for path, status in before.items()}
+    assert before.keys() == set((here / "wiki").rglob("*"))
 
 
 def test_the_demo_on_a_small_tree(tree, tmp_path, monkeypatch):

@@ -2,12 +2,12 @@
 
 import json
 import sqlite3
-from contextlib import nullcontext
+from contextlib import closing, nullcontext
 
 import pytest
 import sqlalchemy as sa
 
-from quillstone.errors import PageIdError
+from quillstone.errors import PageIdError, StoreError
 from quillstone.storage.repository import Repository
 
 pytest_plugins = "host_fixtures"
@@ -50,6 +50,17 @@ def test_chunks_follow_their_page(repository):
     assert [repository.delete_wiki_page("main", "p") for _ in range(2)] == [True, False]
     upsert(repository, "p")
     assert [repository.get_wiki_chunks(branch, "p") for branch in ("main", "dev")] == [[], ["far"]]
+
+
+def test_a_store_that_is_only_read_refuses_all_else(database):
+    with pytest.raises(StoreError, match="holds no wiki"):
+        Repository(database, read_only=True)
+    with closing(Repository(database)) as store, closing(Repository(database, read_only=True)) as reader:
+        save(store, "p")
+        for change in (lambda: save(reader, "q"), lambda: reader.delete_wiki_page("main", "p")):
+            with pytest.raises(sa.exc.SQLAlchemyError, match=r"read.?only"):
+                change()
+        assert page_ids(reader) == ["p"]
 
 
 def test_the_index_reports_what_it_holds(repository):

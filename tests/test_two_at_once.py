@@ -144,6 +144,15 @@ def test_a_lock_has_one_holder_and_lets_signals_in(tmp_path, caplog, monkeypatch
         child.kill()
 
 
+def test_who_only_reads_shares_the_lock_and_makes_none(tmp_path):
+    with WikiLock(tmp_path).shared():
+        assert not [*tmp_path.iterdir()]
+    with WikiLock(tmp_path).held(), pytest.raises(WikiBusyError), WikiLock(tmp_path, 0).shared():
+        pass
+    with WikiLock(tmp_path).shared(), WikiLock(tmp_path, 0).shared(), pytest.raises(WikiBusyError):
+        WikiLock(tmp_path, 0).held().__enter__()
+
+
 def test_a_lock_file_is_nobody_elses(tmp_path):
     (mine := tmp_path / "mine.txt").write_text("Mine.")
     (tmp_path / ".lock").symlink_to(mine)

@@ -121,8 +121,8 @@ class _RehearsalOver(BaseException):
 class Database:
     """One database by URL, and the transaction that the calling thread is in."""
 
-    def __init__(self, url: str) -> None:
-        """Open the database and create missing tables; raises `StoreError` when that fails."""
+    def __init__(self, url: str, read_only: bool = False) -> None:
+        """Open the database and create missing tables, unless it is to be read only; raises `StoreError`."""
         shown = url
         try:
             parsed = sa.make_url(url)
@@ -131,14 +131,23 @@ class Database:
                 parsed = parsed.set(drivername="postgresql+psycopg")
             # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
             on_file = parsed.get_backend_name() == "sqlite" and parsed.database not in (None, "", ":memory:")
-            self.engine = sa.create_engine(parsed, poolclass=sa.NullPool if on_file else None)
+            self.engine = sa.create_engine(
+                parsed,
+                poolclass=sa.NullPool if on_file else None,
+                execution_options={"postgresql_readonly": True} if read_only else {},
+            )
             if self.engine.dialect.name not in _INSERT:
                 raise StoreError(f"database {shown} is neither sqlite nor postgresql; give a URL of one of these")
             if self.engine.dialect.name == "sqlite":
                 sa.event.listen(self.engine, "connect", _prepare_sqlite)
                 sa.event.listen(self.engine, "begin", _begin_sqlite)
+                if read_only:
+                    sa.event.listen(self.engine, "connect", _refuse_writes)
             self._threads = threading.local()
             if _metadata.tables.keys() - set(sa.inspect(self.engine).get_table_names()):
+                if read_only:
+                    self.engine.dispose()
+                    raise StoreError(f"database {shown} holds no wiki; run `quillstone-wiki index TREE` first")
                 with self.transaction() as connection:
                     take_turns(connection)
                     _metadata.create_all(connection)
@@ -219,6 +228,11 @@ def _prepare_sqlite(connection: Any, _record: object) -> None:
     connection.execute(f"PRAGMA busy_timeout = {SQLITE_BUSY_SECONDS * 1000}")
 
 
+def _refuse_writes(connection: Any, _record: object) -> None:
+    # Not opened as read-only: what a process that was killed left half-done has to be undone before reading.
+    connection.execute("PRAGMA query_only = ON")
+
+
 def _begin_sqlite(connection: sa.Connection) -> None:
     # A transaction that reads first and writes later could find itself unable to: take the write lock at once.
     writes = connection.get_execution_options().get("writes", False)
@@ -238,9 +252,9 @@ class Repository:
     would leave the pages folder.
     """
 
-    def __init__(self, url: str) -> None:
+    def __init__(self, url: str, read_only: bool = False) -> None:
         """Open the store, for example "sqlite:///wiki.sqlite"; raises `StoreError`."""
-        self.db = Database(url)
+        self.db = Database(url, read_only)
 
     def close(self) -> None:
         """Close the database's connections."""

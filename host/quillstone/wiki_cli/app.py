@@ -22,6 +22,7 @@ from quillstone.errors import HostError, StoreError
 from quillstone.storage.repository import Repository
 from quillstone.wiki_cli import reports
 from quillstone.wiki_cli.demo import default_tree, run_demo
+from quillstone.workers.wiki.doctor import examine
 from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.replan import (
     Replan,
@@ -152,6 +153,18 @@ def show(
         say(as_json, {**rows[page], "text": text}, shown)
 
 
+@app.command(epilog="Example: quillstone-wiki doctor --wiki ~/src/project/wiki")
+def doctor(
+    wiki: Wiki = DEFAULT_WIKI, database: DatabaseUrl = "", branch: Branch = "main", as_json: AsJson = False
+) -> None:
+    """Look for what is out of order in a wiki, and say what to do; changes nothing. Exit status 1 when something is."""
+    with user_errors(), opened_wiki(wiki, database, branch, read_only=True) as generator, generator.lock.shared():
+        findings = examine(generator, progress)
+        say(as_json, [asdict(finding) for finding in findings], reports.findings_report(findings))
+    if findings:
+        raise typer.Exit(1)
+
+
 @app.command(epilog="Example: quillstone-wiki demo ~/src/project")
 def demo(
     tree: Annotated[Path | None, typer.Argument(help="The source tree. Default: Python's standard library.")] = None,
@@ -176,16 +189,19 @@ def demo(
 
 
 @contextmanager
-def opened_wiki(wiki: Path, database: str, branch: str, tree: Path | None = None) -> Iterator[WikiGenerator]:
+def opened_wiki(
+    wiki: Path, database: str, branch: str, tree: Path | None = None, read_only: bool = False
+) -> Iterator[WikiGenerator]:
     """Open the wiki that was indexed before or, with a tree, one that may be new; leaves nothing behind on an error."""
-    check_folder(wiki)
+    if not read_only:
+        check_folder(wiki)
     file = sa.URL.create("sqlite", database=str(wiki / DATABASE_FILE))
     url = database or file.render_as_string(hide_password=False)
     if tree is None:
         check_database_file(url)
     elif not database:
         wiki.mkdir(parents=True, exist_ok=True)
-    repository = Repository(url)
+    repository = Repository(url, read_only)
     try:
         root = tree or repository.get_fact(branch, "tree")
         if root is None:

@@ -11,6 +11,7 @@ from rich.table import Table
 from rich.text import Text
 
 from quillstone.wiki_cli.demo import DemoResult
+from quillstone.workers.wiki.doctor import Finding
 from quillstone.workers.wiki.replan import ReplanOutcome
 
 EXAMPLES = 3
@@ -32,6 +33,16 @@ def stray_files(page_ids: list[str]) -> list[RenderableType]:
     return [
         Text(f"Files in pages/ without a stored page, of a run that was killed or your own; keep or delete: {names}")
     ]
+
+
+def findings_report(findings: list[Finding]) -> RenderableType:
+    """What is out of order, each with what to do about it."""
+    if not findings:
+        return "All is well."
+    table = Table("Finding", "Page", "What to do")
+    for finding in findings:
+        table.add_row(finding.kind, Text(finding.page), Text(finding.remedy))
+    return table
 
 
 def outcome_kinds(outcome: ReplanOutcome) -> dict[str, list[str]]:

@@ -145,7 +145,7 @@ def run_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set
     outcome = ReplanOutcome()
     with generator.lock.held():
         before = generator.stored_pages()
-        with _captured_warnings(outcome.warnings):
+        with captured_warnings(outcome.warnings):
             outcome.deleted = generator.apply_replan(remap, plan_ids)
         outcome.seconds = generator.prune_seconds
         after = generator.stored_pages()
@@ -199,7 +199,8 @@ def _sort_pages(
 
 
 @contextmanager
-def _captured_warnings(messages: list[str]) -> Iterator[None]:
+def captured_warnings(messages: list[str]) -> Iterator[None]:
+    """Add what a prune warns of inside the block to `messages`, and log nothing."""
     handler = logging.Handler()
     handler.emit = lambda record: messages.append(record.getMessage())  # type: ignore[method-assign]
     logger = logging.getLogger(PRUNE_LOGGER)

@@ -77,18 +77,28 @@ class WikiLock:
                 self._held = None
         # Closing the file lets go of the lock.
 
+    @contextmanager
+    def shared(self) -> Iterator[None]:
+        """Keep those out who change the wiki, and write nothing: where nobody ever held the lock, it is not taken."""
+        with ExitStack() as opened:
+            if self._path.exists():
+                self._wait_for(
+                    opened.enter_context(io.FileIO(str(self._path), "r", opener=_open_no_link)), fcntl.LOCK_SH
+                )
+            yield
+
     def _is_at_path(self, file: io.FileIO) -> bool:
         try:
             return os.path.samestat(os.fstat(file.fileno()), self._path.stat())
         except FileNotFoundError:
             return False
 
-    def _wait_for(self, file: io.FileIO) -> None:
+    def _wait_for(self, file: io.FileIO, kind: int = fcntl.LOCK_EX) -> None:
         deadline = time.monotonic() + max(self._longest_wait, 2 * POLL_SECONDS)
         told, seen = False, b""
         while True:
             try:
-                return fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                return fcntl.flock(file, kind | fcntl.LOCK_NB)
             except BlockingIOError:
                 written = os.pread(file.fileno(), 32, 0)
             # What a killed process left stands there until the next holder has written: believe what stays.

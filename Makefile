@@ -8,7 +8,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format wheel install-into clean
+.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format screenshots wheel install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -76,6 +76,9 @@ bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again, and its plot
 
 bench-check: $(VENV)/module.stamp  ## instructions a page against their bounds; skipped without valgrind
 	$(BIN)/python benchmarks/instructions.py
+
+screenshots: $(VENV)/demo.stamp  ## the pictures of the docs again, from a real run
+	$(BIN)/python docs/screenshots.py
 
 format: $(VENV)/lint.stamp
 	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format -i

@@ -53,7 +53,7 @@ class Disturbance(BaseException):
 
 @contextlib.contextmanager
 def required(why):
-    """A call that has to succeed; `why` says what comes of it when it does not."""
+    """A call that has to succeed; `why` says what comes of one that does not."""
     try:
         yield
     except Exception as error:
@@ -66,29 +66,31 @@ def required(why):
 def upsert(host, page_id, **fields):
     row = {**FIELDS, "rel_path": f"pages/{page_id}.md", **fields}
     row["build_cache"] = json.dumps(row["build_cache"], ensure_ascii=False)
-    with required("upsert_wiki_page takes branch, id and title by position and 16 fields by keyword; no prune can end"):
+    with required("upsert_wiki_page takes branch, id, title, and 16 fields by keyword, or no carried prose is stored"):
         host.generator.repository.upsert_wiki_page(host.generator.branch, page_id, page_id.title(), **row)
 
 
 def delete(host, page_id):
-    with required("delete_wiki_page takes branch and id by position; no prune can end"):
+    with required("delete_wiki_page takes branch and id by position, or no page ever retires"):
         return host.generator.repository.delete_wiki_page(host.generator.branch, page_id)
 
 
 def transaction(host):
-    with required("db.transaction() makes a context manager; no prune can end"):
-        return host.generator.repository.db.transaction()
+    with required("db.transaction() gives a context manager, or no carried prose is stored"):
+        scope = host.generator.repository.db.transaction()
+    assert hasattr(scope, "__enter__") and hasattr(scope, "__exit__"), "no context manager: nothing is ever committed"
+    return scope
 
 
 def rows(host):
     """What the store holds, by page id."""
-    with required("get_wiki_pages takes the branch and gives rows with a page_id; a prune would not know any page"):
+    with required("get_wiki_pages takes the branch and gives rows with a page_id, or a prune knows of no page"):
         return {row["page_id"]: row for row in host.generator.repository.get_wiki_pages(host.generator.branch)}
 
 
 def indexed(host):
     """The paths that the index knows, as it spells them."""
-    with required("list_indexed_files(source_only=True, limit=1000000) gives four members; every prune would fail"):
+    with required("list_indexed_files(source_only=True, limit=1000000) gives four members, or no prune gets anywhere"):
         files, _more, _limit, _total = host.generator.repository.list_indexed_files(source_only=True, limit=1000000)
         return [record["path"] for record in files]
 
@@ -318,7 +320,7 @@ def test_a_page_file_is_written_whole_and_exactly(host, text):
     for before in (None, "long before " * 100):
         if before is not None:
             file.write_text(before, "utf-8")
-        with required("_atomic_write takes a path and a text; no prose can be carried"):
+        with required("_atomic_write takes a path and a text, or no prose is carried"):
             module._atomic_write(file, text)
         assert file.read_text("utf-8") == text, "what was written reads back as another: prose changed on its way"
     assert [path.name for path in file.parent.iterdir()] == [file.name], "the writer leaves another file behind"
@@ -424,7 +426,7 @@ def test_a_section_is_not_taken_for_carried_by_its_words(host):
 def test_prose_is_found_with_and_without_a_file(host):
     row = {"page_id": "a", "title": "A", "build_cache": {"prose": "cached words"}}
     assert "By hand." in module.page_prose("# A\n\nBy hand.\n", row), "what stands in the page's file is not carried"
-    with required("page_prose takes None for a page without a file; a merge of such a page would fail"):
+    with required("page_prose takes None for a page without a file, or no such page can be merged"):
         assert "cached words" in module.page_prose(None, row), "the prose of a page without a file goes with its row"
         assert module.page_prose(None, {"page_id": "a"}) == "", "a page without file and cache has prose of another"
 
@@ -432,7 +434,7 @@ def test_prose_is_found_with_and_without_a_file(host):
 def test_cached_prose_is_that_of_the_build_cache(host):
     store_page(host, "a")
     assert module.cached_prose(rows(host)["a"]) == prose_of("a"), "the prose that the module stores is not found again"
-    with required("cached_prose takes an empty row; a merge into a page without a row would fail"):
+    with required("cached_prose takes an empty row, or nothing can be merged into a page without one"):
         assert module.cached_prose({}) == "", "there is prose of no page"
 
 
@@ -447,7 +449,7 @@ def test_a_blank_file_does_not_hide_cached_prose(wiki):
 def test_an_empty_remap_has_no_predecessors(host):
     for remap in ({}, host.remap({}, {})):
         assert isinstance(remap, Mapping), "the remap of the factory is no mapping"
-        with required("merged_predecessors takes an empty dict and gives a mapping to change; no build could prune"):
+        with required("merged_predecessors takes an empty dict and gives a mapping to change, or no build can prune"):
             predecessors = module.merged_predecessors(remap)
             assert not predecessors, "pages are carried that nobody merged"
             predecessors.setdefault("x", []).insert(0, "a")
@@ -456,7 +458,7 @@ def test_an_empty_remap_has_no_predecessors(host):
 
 def test_predecessors_are_in_order_and_the_callers_to_change(host):
     remap = host.remap({}, {"hub": ["b", "a"]})
-    with required("merged_predecessors gives a mapping of lists, to be changed; no merge could be applied"):
+    with required("merged_predecessors gives a mapping of lists to be changed, or no merge can be applied"):
         first = module.merged_predecessors(remap)
         assert [*first["hub"]] == ["b", "a"], "pages that are merged are not listed, or not in the order of their prose"
         first["hub"].insert(0, "c")

@@ -97,14 +97,16 @@ def test_the_doctor_finds_what_is_out_of_order_and_changes_nothing(here):
     write_files(pages, {"own.md": "own", "root.md": b"\xff", "a.md": text + text[text.index("<!-- carried ") :]})
     (pages / "lone.md").unlink()
     (here / "wiki" / "notes" / "gone.md").unlink()
-    with closing(Repository("sqlite:///wiki/wiki.sqlite")) as store:
-        store.forget_indexed_files(["a/b/c/three.py"])
+    for lost in ("a/b/c/three.py", "family/left/l.py"):
+        with closing(Repository("sqlite:///wiki/wiki.sqlite")) as store:
+            store.forget_indexed_files([lost])
+    (here / "tree" / lost).unlink()
     before = {path: path.stat() for path in (here / "wiki").rglob("*")}
     found = [(finding["kind"], finding["page"]) for finding in json.loads(run("doctor --json", status=1))]
     assert found == [
         ("file without a page", "own"), ("section that stands twice", "a"), ("page without a file", "lone"),
         ("file that cannot be read", "root"), ("note without a file", "gone"), ("stale page", "a"),
-        ("page kept as the index is behind", "a.b.c"),
+        ("page kept as the index is behind", "a.b.c"), ("page out of the plan", "family.left"),
     ]  # fmt: skip
     printed = " ".join(run("doctor", status=1).replace("│", "").split())
     assert "'a/b' stands there 2 times" in printed and "notes/gone.md back" in printed

@@ -37,7 +37,7 @@ def examine(generator: WikiGenerator, track: Track = untracked) -> list[Finding]
         *_page_files(generator.pages_dir, track(list(pages), "Reading pages"), plan_ids),
         *_notes_without_files(generator, rows),
         *_stale_pages(pages),
-        *_pages_kept_behind_the_index(generator, rows, pages, plan_ids),
+        *_pages_out_of_the_plan(generator, rows, pages, plan_ids),
     ]
 
 
@@ -55,8 +55,8 @@ def _page_files(pages_dir: Path, page_ids: Iterable[str], plan_ids: set[str]) ->
         path = pages_dir / f"{page_id}.md"
         if not path.is_file():
             planned = "run `quillstone-wiki build`, which writes it again with the prose that the store keeps"
-            other = "its prose is in the store alone, and it is in no plan: merge or rename it to keep that"
-            yield Finding("page without a file", page_id, planned if page_id in plan_ids else other)
+            kept = "its prose is in the store alone; what becomes of the page is said below"
+            yield Finding("page without a file", page_id, planned if page_id in plan_ids else kept)
             continue
         try:
             _, sections = split_carried(path.read_text("utf-8"))
@@ -89,14 +89,13 @@ def _stale_pages(pages: Rows) -> Iterator[Finding]:
             yield Finding("stale page", page_id, "a replan changed it since it was built: run `quillstone-wiki build`")
 
 
-def _pages_kept_behind_the_index(
-    generator: WikiGenerator, rows: Rows, pages: Rows, plan_ids: set[str]
-) -> Iterator[Finding]:
+def _pages_out_of_the_plan(generator: WikiGenerator, rows: Rows, pages: Rows, plan_ids: set[str]) -> Iterator[Finding]:
     with captured_warnings([]):
         retired = generator._retired_page_ids(rows, plan_ids)
-    for page_id in sorted(pages.keys() - plan_ids - retired):
-        yield Finding(
-            "page kept as the index is behind",
-            page_id,
-            "its sources are there but not in the index: run `quillstone-wiki index`, then build",
-        )
+    for page_id in sorted(pages.keys() - plan_ids):
+        if page_id in retired:
+            remedy = "the next build deletes it with its prose: merge it into a page that stays to keep that"
+            yield Finding("page out of the plan", page_id, remedy)
+        else:
+            remedy = "its sources are there but not in the index: run `quillstone-wiki index`, then build"
+            yield Finding("page kept as the index is behind", page_id, remedy)

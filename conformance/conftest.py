@@ -1,19 +1,20 @@
 """`pytest conformance --host=package.module:factory`; without a host, the one beside this folder is looked at."""
 
-import importlib
 import multiprocessing
+import sys
 
 import pytest
 
-from loading import load_factory, run_check_part
+from checked_host import load_factory, run_check_part
 
 NEEDED = ("generator", "index", "remap", "give_chunks", "chunks")
-IMPORTED = (
-    "workers.wiki.page_retirement",
-    "storage.repository",
-    "workers.wiki.replan_carry",
-    "workers.wiki.repo_facts",
-)
+IMPORTED = [
+    "quillstone.workers.wiki.page_retirement",
+    "quillstone.storage.repository",
+    "quillstone.workers.wiki.replan_carry",
+    "quillstone.workers.wiki.repo_facts",
+    "quillstone.workers.wiki_types",
+]
 FACTORY = pytest.StashKey()
 
 
@@ -32,8 +33,8 @@ def pytest_collection(session):
 
 def pytest_report_collectionfinish():
     """Where the module and its collaborators come from: what the host lacks may have been found elsewhere."""
-    found = {name: importlib.import_module(f"quillstone.{name}") for name in IMPORTED}
-    return [f"quillstone.{name}: {getattr(module, '__file__', 'no file')}" for name, module in found.items()]
+    found = {name: sys.modules.get(name) for name in IMPORTED}
+    return [f"{name}: {getattr(module, '__file__', 'no file')}" for name, module in found.items() if module]
 
 
 @pytest.fixture

@@ -20,6 +20,7 @@ import multiprocessing
 import os
 import signal
 from collections.abc import Mapping
+from functools import partial
 from pathlib import Path, PurePath
 
 import pytest
@@ -58,6 +59,15 @@ def required(why):
         yield
     except Exception as error:
         raise AssertionError(f"{why}: it raised {error!r}") from error
+
+
+def put_in_place(patch, owner, name, change):
+    """Puts `change(real, ...)` in the place of a method; on the class, as the object may be made anew at each use."""
+    if not hasattr(type(owner), name):
+        patch.setattr(owner, name, partial(change, getattr(owner, name)))
+        return
+    real = getattr(type(owner), name)
+    patch.setattr(type(owner), name, lambda self, *args, **named: change(partial(real, self), *args, **named))
 
 
 # The calls as the module makes them.
@@ -225,8 +235,8 @@ def test_notes_are_among_the_rows(host):
 def test_of_two_rows_with_one_id_the_later_counts(host, monkeypatch):
     early, late = {"page_id": "a", "title": "early"}, {"page_id": "a", "title": "late"}
     seen = []
-    monkeypatch.setattr(host.generator.repository, "get_wiki_pages", lambda branch: iter([early, late]))
-    monkeypatch.setattr(host.generator, "_prune_retired_pages", lambda existing, *rest: seen.append(existing) or 0)
+    put_in_place(monkeypatch, host.generator.repository, "get_wiki_pages", lambda real, branch: iter([early, late]))
+    put_in_place(monkeypatch, host.generator, "_prune_retired_pages", lambda _, rows, *rest: seen.append(rows) or 0)
     host.generator._apply_replan_to_store(host.remap({}, {}), {"a"})
     assert seen == [{"a": late}], "pages are judged by rows that are out of date: one may be deleted that should stay"
 
@@ -548,11 +558,10 @@ def test_two_pages_in_one_file_do_not_go_one_by_one(wiki):
 @contextlib.contextmanager
 def failing_commits(host, monkeypatch):
     """Each outermost transaction fails where it would commit."""
-    database, depth = host.generator.repository.db, []
-    real = database.transaction
+    depth = []
 
     @contextlib.contextmanager
-    def failing():
+    def failing(real):
         with real() as value:
             depth.append(value)
             yield value
@@ -561,7 +570,7 @@ def failing_commits(host, monkeypatch):
                 raise Disturbance
 
     with monkeypatch.context() as patch:
-        patch.setattr(database, "transaction", failing)
+        put_in_place(patch, host.generator.repository.db, "transaction", failing)
         yield
 
 

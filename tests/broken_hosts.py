@@ -72,6 +72,27 @@ def wrap(real, self):
         raise RuntimeError("interrupted") from error
 
 
+HELD = set()
+
+
+@contextmanager
+def lock_by_file(tidies, real, self):
+    path = self._path.with_name("busy")
+    if path in HELD:
+        yield
+        return
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.touch(exist_ok=False)
+    HELD.add(path)
+    try:
+        yield
+        tidies = True
+    finally:
+        if tidies:
+            path.unlink()
+            HELD.remove(path)
+
+
 def write_in_place(real, path, text):
     path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(text, "utf-8")
@@ -120,6 +141,7 @@ CHANGES = [
     (Repository, "list_indexed_files", {
         "the_index_is_reported_whole": {
             "an index with exclusions": index(lambda files: [file for file in files if "vendor/" not in file["path"]]),
+            "an index that gives a thousand": index(lambda files: files[:1000]),
             "an index of three members": lambda real, self, **how: real(self, **how)[:3],
             "an index without options": lambda real, self: real(self),
             "an index of names": index(lambda files: [file["path"] for file in files]),
@@ -171,12 +193,13 @@ CHANGES = [
         },
     }),
     (generator, "sweep_temporary_files", {
-        "what_a_killed_writer_left_is_swept_by_the_next_prune": {"leftovers that stay": lambda real, folder: None},
+        "a_prune_that_was_killed_is_finished_by_the_next": {"leftovers that stay": lambda real, folder: None},
     }),
     (replan_carry, "carried_sections", {
         "sections_hold_the_prose_and_are_drawn_at_once": {
             "sections drawn later": lambda real, pages: (section for page in pages for section in real([page])),
             "sections without prose": lambda real, pages: real([(title, title) for title, _ in pages]),
+            "sections of one line": lambda real, pages: real([(page[0], " ".join(page[1].split())) for page in pages]),
             "one section for all pages": lambda real, pages: ["\n".join(real(pages))],
             "a section of the first page alone": lambda real, pages: real([next(iter(pages))]),
         },
@@ -195,6 +218,7 @@ CHANGES = [
             "sections added each time": lambda real, text, sections: "\n\n".join([text, *sections]),
             "sections never added": lambda real, text, sections: text,
             "sections in place of the text": lambda real, text, sections: "\n\n".join(sections) or text,
+            "sections below a text that is tidied": lambda real, text, sections: real(text.replace("  ", ""), sections),
             "sections from the last on": lambda real, text, sections: real(text, sections[::-1]),
             "sections known only all at once": known_all_at_once,
         },
@@ -207,6 +231,7 @@ CHANGES = [
         "prose_is_found_with_and_without_a_file": {
             "no prose for None": lambda real, text, row: real(text.strip(), row),
             "no prose without a file": lambda real, text, row: real(text or "", {}),
+            "prose up to a heading": lambda real, text, row: real(text, row).partition("\n## ")[0],
             "prose of the cache alone": lambda real, text, row: real(None, row),
         },
     }),
@@ -268,7 +293,11 @@ CHANGES = [
             "a file in the way of a rerun": lambda real, self, page_id, seed: self._page_text(page_id) is None,
         },
     }),
-    (WikiLock, "held", {"two_prunes_of_one_wiki_take_turns": {"prunes at once": lambda real, self: nullcontext()}}),
+    (WikiLock, "held", {
+        "two_prunes_of_one_wiki_take_turns": {"prunes at once": lambda real, self: nullcontext()},
+        "a_prune_that_was_killed_is_finished_by_the_next": {"a lock that outlives all": partial(lock_by_file, True)},
+        "a_prune_that_failed_keeps_nobody_out": {"a lock that is kept after an error": partial(lock_by_file, False)},
+    }),
 ]  # fmt: skip
 
 BROKEN = {

@@ -96,6 +96,8 @@ def test_the_doctor_finds_what_is_out_of_order_and_changes_nothing(here):
     text = (pages / "a.md").read_text()
     write_files(pages, {"own.md": "own", "root.md": b"\xff", "a.md": text + text[text.index("<!-- carried ") :]})
     (pages / "lone.md").unlink()
+    (pages / "family.md").unlink()
+    (pages / "family.md").mkdir()
     (here / "wiki" / "notes" / "gone.md").unlink()
     for lost in ("a/b/c/three.py", "family/left/l.py"):
         with closing(Repository("sqlite:///wiki/wiki.sqlite")) as store:
@@ -104,7 +106,8 @@ def test_the_doctor_finds_what_is_out_of_order_and_changes_nothing(here):
     before = {path: path.stat() for path in (here / "wiki").rglob("*")}
     found = [(finding["kind"], finding["page"]) for finding in json.loads(run("doctor --json", status=1))]
     assert found == [
-        ("file without a page", "own"), ("section that stands twice", "a"), ("page without a file", "lone"),
+        ("file without a page", "own"), ("section that stands twice", "a"),
+        ("folder in a file's place", "family"), ("page without a file", "lone"),
         ("file that cannot be read", "root"), ("note without a file", "gone"), ("stale page", "a"),
         ("page kept as the index is behind", "a.b.c"), ("page out of the plan", "family.left"),
     ]  # fmt: skip

@@ -53,6 +53,11 @@ def _files_without_pages(generator: WikiGenerator) -> Iterator[Finding]:
 def _page_files(pages_dir: Path, page_ids: Iterable[str], plan_ids: set[str]) -> Iterator[Finding]:
     for page_id in page_ids:
         path = pages_dir / f"{page_id}.md"
+        if path.is_dir():
+            yield Finding(
+                "folder in a file's place", page_id, "move it elsewhere: the page cannot be written before that"
+            )
+            continue
         if not path.is_file():
             planned = "run `quillstone-wiki build`, which writes it again with the prose that the store keeps"
             kept = "its prose is in the store alone; what becomes of the page is said below"
@@ -97,5 +102,5 @@ def _pages_out_of_the_plan(generator: WikiGenerator, rows: Rows, pages: Rows, pl
             remedy = "the next build deletes it with its prose: merge it into a page that stays to keep that"
             yield Finding("page out of the plan", page_id, remedy)
         else:
-            remedy = "its sources are there but not in the index: run `quillstone-wiki index`, then build"
+            remedy = "the index does not know its sources: run `quillstone-wiki index TREE`, then build"
             yield Finding("page kept as the index is behind", page_id, remedy)

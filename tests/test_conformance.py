@@ -4,6 +4,7 @@ import os
 import re
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -35,11 +36,21 @@ def test_a_host_that_cannot_be_loaded_is_no_host_that_passes(host):
     assert checked.returncode == pytest.ExitCode.USAGE_ERROR and "give package.module:factory" in checked.stderr
 
 
+@pytest.fixture(scope="module")
+def runs(request):
+    """The checks of each broken host that is asked for, under way on all processors."""
+    asked = [item.callspec.params["name"] for item in request.session.items if "runs" in item.fixturenames]
+    with pytest.MonkeyPatch.context() as patch, ThreadPoolExecutor(os.cpu_count()) as pool:
+        patch.setenv("PYTHONPATH", str(Path(__file__).parent), prepend=os.pathsep)
+        run = lambda name: check(f"broken_hosts:{name}", "-x", "-k", BROKEN[name][0], folder=CHECKS)
+        yield {name: pool.submit(run, name) for name in asked}
+        pool.shutdown(cancel_futures=True)
+
+
 @pytest.mark.long
 @pytest.mark.parametrize("name", BROKEN)
-def test_a_broken_host_is_told_what_would_be_lost(name, figures, monkeypatch):
-    monkeypatch.setenv("PYTHONPATH", str(Path(__file__).parent), prepend=os.pathsep)
-    ended = check(f"broken_hosts:{name}", "-x", "-k", BROKEN[name][0], folder=CHECKS)
+def test_a_broken_host_is_told_what_would_be_lost(name, figures, runs):
+    ended = runs[name].result()
     assert ended.returncode == 1 and f"FAILED test_host.py::{BROKEN[name][0]}" in ended.stdout, ended.stdout
     # In words, and not those of an assertion without any.
     assert re.search(r"^E +(AssertionError|Failed): (?!assert )\S", ended.stdout, re.MULTILINE), ended.stdout

@@ -11,7 +11,7 @@ DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 .PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format screenshots wheel install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
-	$(BIN)/quillstone-wiki demo $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
+	$(BIN)/python docs/demo.py $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
 
 test: $(VENV)/test.stamp
 	$(BIN)/python -m pytest -m "not long" $(TESTS)
@@ -26,7 +26,7 @@ torture: $(VENV)/test.stamp  ## the tests that take minutes: failures at every s
 
 test-postgres: $(VENV)/postgres.stamp  ## the demo, and each test that uses a database, on a PostgreSQL server of their own
 	$(BIN)/python tests/postgres_server.py sh -c '\
-		$(BIN)/quillstone-wiki demo --database "$$QUILLSTONE_TEST_DATABASE" && \
+		$(BIN)/python docs/demo.py --database "$$QUILLSTONE_TEST_DATABASE" && \
 		$(BIN)/python -m pytest -k postgresql $(TESTS)'
 
 reliability: $(VENV)/postgres.stamp  ## all of these tests, and their figures into RELIABILITY.md

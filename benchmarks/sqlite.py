@@ -12,8 +12,8 @@ from pathlib import Path
 import sqlalchemy as sa
 
 from generated import BRANCH, Wiki
-from quillstone.storage.repository import Repository, indexed_files, wiki_pages
-from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from quillstone.storage.repository import Repository, branch_files, wiki_pages
+from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.replan_carry import ReplanRemap
 
 SHARED_MEMORY = Path("/dev/shm")  # where there is one, the figures are not the disk's
@@ -21,10 +21,9 @@ SHARED_MEMORY = Path("/dev/shm")  # where there is one, the figures are not the 
 logging.getLogger("quillstone").setLevel(logging.CRITICAL)  # the guard's warnings
 
 
-class Host(PageRetirementMixin):
-    def __init__(self, folder: Path) -> None:
-        self.repository = Repository(f"sqlite:///{folder / 'wiki.sqlite'}")
-        self.repo_root, self.branch, self.pages_dir = folder / "tree", BRANCH, folder / "pages"
+def opened(folder: Path) -> WikiGenerator:
+    """The demo host over a stored wiki."""
+    return WikiGenerator(Repository(f"sqlite:///{folder / 'wiki.sqlite'}", BRANCH), folder / "tree", BRANCH, folder)
 
 
 @contextmanager
@@ -41,11 +40,11 @@ def store(wiki: Wiki, folder: Path) -> None:
     """Put the wiki into a database and files below `folder`."""
     for name in ("pages", "notes", "tree"):
         (folder / name).mkdir(parents=True)
-    host = Host(folder)
+    host = opened(folder)
     defaults = {"source_hashes": {}, "citations": [], "model": "m", "summary": "s", "page_type": "module"}
     with host.repository.db.transaction() as connection:
         connection.execute(sa.insert(wiki_pages), [{"branch": BRANCH, **defaults, **row} for row in wiki.rows])
-        connection.execute(sa.insert(indexed_files), [record | {"language": "c"} for record in wiki.indexed])
+        connection.execute(sa.insert(branch_files), [record | {"branch": BRANCH} for record in wiki.indexed])
     host.repository.close()
     for page_id, text in wiki.pages_with_file():
         (folder / "pages" / f"{page_id}.md").write_text(text)
@@ -60,22 +59,22 @@ def store(wiki: Wiki, folder: Path) -> None:
 
 
 @contextmanager
-def copied(folder: Path) -> Iterator[Host]:
+def copied(folder: Path) -> Iterator[WikiGenerator]:
     """A host over a copy of the stored wiki, for a run that changes it."""
     with scratch() as root:
-        host = Host(shutil.copytree(folder, root / "copy"))
+        host = opened(shutil.copytree(folder, root / "copy"))
         try:
             yield host
         finally:
             host.repository.close()
 
 
-def replan(host: Host, wiki: Wiki) -> None:
+def replan(host: WikiGenerator, wiki: Wiki) -> None:
     """Apply the wiki's replan, and see that it did all that it had to."""
     assert host._apply_replan_to_store(ReplanRemap(wiki.seeds, wiki.merged), wiki.plan_ids) == len(wiki.deletes)
 
 
-def prune(host: Host, wiki: Wiki) -> None:
+def prune(host: WikiGenerator, wiki: Wiki) -> None:
     """The same with a snapshot of the caller's own."""
     remap = ReplanRemap(wiki.seeds, wiki.merged)
     assert host._prune_retired_pages(wiki.existing, wiki.plan_ids, remap) == len(wiki.deletes)

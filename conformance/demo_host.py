@@ -22,10 +22,8 @@ class DemoHost:
         return ReplanRemap(seeds, merged)
 
     def give_chunks(self, page_id, texts):
-        rows = [
-            {"branch": self.generator.branch, "page_id": page_id, "position": position, "text": text}
-            for position, text in enumerate(texts)
-        ]
+        page = {"branch": self.generator.branch, "page_id": page_id}
+        rows = [{**page, "position": position, "text": text} for position, text in enumerate(texts)]
         with self.store.db.transaction() as connection:
             connection.execute(sa.insert(wiki_chunks), rows)
 

@@ -1,6 +1,6 @@
 """A host in under a hundred lines; run by itself, it merges two pages. A real one has a module for each part."""
 
-import contextlib, fcntl, hashlib, json, os, pathlib, re, sqlite3, sys, tempfile
+import contextlib, fcntl, hashlib, json, os, pathlib, re, shutil, sqlite3, sys, tempfile, time
 from posixpath import normpath as _norm
 NOTE_LEVEL = "note"
 SECTION = re.compile(r"<!-- carried (\w{64}) -->\n.*?\n<!-- /carried \1 -->", re.DOTALL)
@@ -21,13 +21,11 @@ class Repository:
         return [json.loads(row) for (row,) in self.execute("SELECT row FROM pages WHERE branch = ?", [branch])]
     def list_indexed_files(self, *, source_only, limit):
         return [{"path": path} for (path,) in self.execute("SELECT path FROM files LIMIT ?", [limit])], None, None, None
-    def upsert_wiki_page(self, branch, page_id, title, **fields):
-        cache = json.loads(fields.pop("build_cache"))
-        row = json.dumps({"page_id": page_id, "title": title, "build_cache": cache, **fields})
+    def upsert_wiki_page(self, branch, page_id, title, **rest):
+        row = json.dumps({"page_id": page_id, "title": title, **rest, "build_cache": json.loads(rest["build_cache"])})
         self.execute("INSERT INTO pages VALUES (?1, ?2, ?3) ON CONFLICT DO UPDATE SET row = ?3", [branch, page_id, row])
     def delete_wiki_page(self, branch, page_id):
         return self.execute("DELETE FROM pages WHERE (branch, page_id) = (?, ?)", [branch, page_id]).rowcount > 0
-
 class Remap(dict):  # new pages to the stored ones that they continue
     merged = {}  # pages to lists of those that go into them
 def origins(remap):  # over chains: with A into B and B into C, C has A, too
@@ -39,14 +37,16 @@ def origins(remap):  # over chains: with A into B and B into C, C has A, too
     return sources
 def merged_predecessors(remap):  # a new page's text starts from the page that it continues: no section of that
     return {page: [origin for origin in pages if origin != remap.get(page)] for page, pages in origins(remap).items()}
+def plain(text):  # with the line ends that files are read with, and without a byte order mark
+    return (text or "").lstrip("\ufeff").replace("\r\n", "\n").replace("\r", "\n")
 def cached_prose(row):
-    return (row.get("build_cache") or {}).get("prose", "")
+    return plain((row.get("build_cache") or {}).get("prose"))
 def page_prose(text, row):
-    return text if text and text.strip() else cached_prose(row)
+    return plain(text) if plain(text).replace("\ufeff", "").strip() else cached_prose(row)
 def carried_sections(pages):  # each page's own prose, then the sections that it holds already
     sections = {}
-    for title, prose in pages:
-        if own := SECTION.sub("", prose.replace("\r\n", "\n").replace("\r", "\n")).strip():
+    for title, prose in (map(plain, page) for page in pages):
+        if (own := SECTION.sub("", prose).strip("\n")).strip():
             digest = hashlib.sha256(f"{title}\n{own}".encode()).hexdigest()
             sections[f"<!-- carried {digest} -->\n## {title}\n\n{own}\n<!-- /carried {digest} -->"] = None
         sections |= dict.fromkeys(held[0] for held in SECTION.finditer(prose))
@@ -54,11 +54,10 @@ def carried_sections(pages):  # each page's own prose, then the sections that it
 def with_carried(text, sections):
     return text + "".join(f"\n\n{section}\n" for section in sections if section not in text)
 def _atomic_write(path, text):
-    (temporary := path.with_suffix(".tmp")).write_bytes(text.encode("utf-8"))
+    (new := path.parents[1] / ".new").write_bytes(text.encode("utf-8"))  # one that a kill leaves is written over
     os.sync()
-    temporary.replace(path)
+    new.replace(path)
     os.sync()  # the new name, too, before any row goes
-
 for name in ("storage.repository", "workers.wiki_types", "workers.wiki.repo_facts", "workers.wiki.replan_carry"):
     sys.modules[f"quillstone.{name}"] = sys.modules[__name__]
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
@@ -78,11 +77,12 @@ class WikiGenerator(PageRetirementMixin):
             return super()._apply_replan_to_store(remap, plan_ids)
     def _prune_retired_pages(self, existing, plan_ids, remap=None):
         sources = origins({} if remap is None else remap)
-        if sources.keys() - plan_ids.union(*(pages for page, pages in sources.items() if page in plan_ids)):
-            raise ValueError("a page that takes prose is not in the plan, so the prose would go with it")
-        with self.alone():
-            for leftover in self.pages_dir.glob("*.tmp"):  # of writers that were killed
-                leftover.unlink()
+        stay = plan_ids.union(*(pages for page, pages in sources.items() if page in plan_ids))
+        if sources.keys() - stay or re.search("[^a-z0-9-]", "".join(sources)):
+            raise ValueError("a page that takes prose is not in the plan, or its file could be another page's, too")
+        with self.alone():  # and all is kept as it was; a real host keeps only what goes
+            kept = shutil.copytree(self.pages_dir, self.pages_dir.with_name(f"before-{time.time_ns()}"), symlinks=True)
+            self.repository.execute("VACUUM INTO ?", [f"{kept}/store"])
             return super()._prune_retired_pages(existing, plan_ids, remap)
     def _page_text(self, page_id):  # a blank file must not hide the cached prose
         return page_prose(super()._page_text(page_id), {}) or None
@@ -95,5 +95,5 @@ if __name__ == "__main__":
             cache = json.dumps({"prose": f"What somebody wrote about {page}."})
             wiki.repository.upsert_wiki_page("main", page, page.title(), source_files=["a.py"], build_cache=cache)
         remap.merged = {"parsing": ["parser"]}
-        deleted = wiki._apply_replan_to_store(remap, {"parsing"})
-        print(f"{deleted} page deleted. The other one:\n\n{(wiki.pages_dir / 'parsing.md').read_text('utf-8')}")
+        print("pages deleted:", wiki._apply_replan_to_store(remap, {"parsing"}))
+        print((wiki.pages_dir / "parsing.md").read_text("utf-8"))

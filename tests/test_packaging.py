@@ -74,11 +74,7 @@ def test_the_wheel_holds_the_extension_and_its_types_alone(wheel, tmp_path):
     with zipfile.ZipFile(wheel) as archive:
         names = {name for name in archive.namelist() if not name.endswith("/") and ".dist-info/" not in name}
         archive.extractall(tmp_path)
-    assert names == {
-        EXTENSION,
-        "quillstone-stubs/py.typed",
-        "quillstone-stubs/workers/wiki/page_retirement.pyi",
-    }
+    assert names == {EXTENSION, "quillstone-stubs/py.typed", "quillstone-stubs/workers/wiki/page_retirement.pyi"}
     exported = run("nm", "-D", "--defined-only", tmp_path / EXTENSION).split()
     assert exported[2::3] == ["PyInit_page_retirement"]
     needed = run("readelf", "-d", tmp_path / EXTENSION)

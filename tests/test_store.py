@@ -1,118 +1,78 @@
-"""The store, over every database that the fixture gives."""
+"""The store, and how runs take turns, over every database that the fixture gives."""
 
-import json
-import sqlite3
-from contextlib import closing, nullcontext
+import os
+from contextlib import closing
 
 import pytest
 import sqlalchemy as sa
 
-from quillstone.errors import PageIdError, StoreError
-from quillstone.storage.repository import Repository
+from quillstone.errors import HostError
+from quillstone.storage import repository as storage
+from quillstone.workers.wiki import wiki_lock
+from quillstone.workers.wiki.generator import WikiGenerator
 
 pytest_plugins = "host_fixtures"
 
-TEXTS = ["description", "importance", "level", "rel_path", "content_hash", "model", "status", "summary", "page_type"]
-FIELDS = {name: f"{name} — ü" for name in TEXTS} | {"symbols": [{"name": "f", "line": 3}], "citations": []}
-FIELDS |= {"parent_section": None, "source_files": ["ü.py"], "source_hashes": {"a.py": "1"}, "related_pages": ["q"]}
+
+def test_each_branch_has_rows_chunks_and_an_index_of_its_own(database):
+    with closing(storage.Repository(database)) as main, closing(storage.Repository(database, "dev")) as dev:
+        for store, chunks in ((main, ["1", "2", "3"]), (dev, ["far"]), (main, ["one", "two"])):
+            store.save_wiki_page(store.branch, "ü", "ü", chunks=chunks, symbols=[{"ü\0": 1}], parent_section="x")
+            store.record_indexed_files([{"path": path, "size": 2**40} for path in chunks])
+        (row,) = main.get_wiki_pages("main")
+        main.upsert_wiki_page(**{**row, "build_cache": '{"ü": "\\u0000"}', "parent_section": None})
+        assert main.get_wiki_pages("main") == [{**row, "build_cache": {"ü": "\0"}, "parent_section": None}]
+        assert main.get_wiki_chunks("main", "ü") == ["one", "two"] and main.delete_wiki_page("main", "ü")
+        assert (main.get_wiki_chunks("main", "ü"), dev.get_wiki_chunks("dev", "ü")) == ([], ["far"])
+        assert [record["path"] for record in dev.list_indexed_files()[0]] == ["far"]
+        assert main.list_indexed_files(limit=4)[1:] == (True, 4, 4)
 
 
-def upsert(repository, page_id, title="P", build_cache="{}", **changes):
-    repository.upsert_wiki_page("main", page_id, title, build_cache=build_cache, **{**FIELDS, **changes})
+@pytest.mark.parametrize("failure", [ValueError, KeyboardInterrupt, GeneratorExit])
+def test_a_transaction_keeps_all_or_nothing(database, failure):
+    with closing(storage.Repository(database)) as store:
+        transaction, save = store.db.transaction, lambda page_id: store.save_wiki_page("main", page_id, "", chunks=[])
+        with pytest.raises(failure), transaction(), transaction():
+            save("p")
+            raise failure
+        with pytest.raises(HostError), transaction():
+            save("p")
+            with pytest.raises(failure), transaction():  # a part of the outer one, which cannot be committed then
+                raise failure
+        with transaction(True), transaction():
+            save("p")
+            assert store.get_wiki_pages("main")
+        assert store.get_wiki_pages("main") == []
+        for bad in ["", ".", "a/../../x", "/x", "a//b", "a/", "a\\b", "a\0b", "\ud800", "é" * 127, "json.md/a"]:
+            with pytest.raises(HostError, match="page id"):
+                save(bad)
 
 
-def save(repository, page_id, branch="main", chunks=()):
-    repository.save_wiki_page(branch, page_id, "P", chunks=chunks, build_cache={"prose": "x"})
+@pytest.mark.parametrize("folder", ["one", "two"])
+def test_runs_take_turns_and_who_waits_is_told_for_whom(database, tmp_path, monkeypatch, folder):
+    """On a wiki, and on a branch that two checkouts have."""
+    monkeypatch.setattr(wiki_lock, "LONGEST_WAIT", 0)
+    monkeypatch.setattr(storage, "SQLITE_BUSY_SECONDS", 0)
+    (tmp_path / "a.py").touch()
+    with closing(storage.Repository(database)) as one, closing(storage.Repository(database)) as two:
+        holder = WikiGenerator(one, tmp_path, "main", tmp_path / "one")
+        waiter = WikiGenerator(two, tmp_path, "main", tmp_path / folder)
+        told = f"database is locked|process {os.getpid()} on .* works on (the wiki|branch 'main')"
+        with pytest.raises((HostError, sa.exc.OperationalError), match=told):
+            holder.in_run("build", waiter.build)
+        waiter.index()
+        waiter.build()
+        with (waiter.pages_dir / "root.md").open("a") as page:
+            page.write("\0 by hand")  # which not every database takes
+        assert waiter.build().written == 1
 
 
-def page_ids(repository):
-    return [row["page_id"] for row in repository.get_wiki_pages("main")]
-
-
-def test_a_row_comes_back_as_it_was_stored_and_an_upsert_replaces_all_of_it(repository):
-    new = {"source_files": [], "parent_section": "", "symbols": ["g"], "summary": ""}
-    for title, changes, cache in (("P", {}, {"prose": "x"}), ("New", new, {"prose": "ü", "k": [1]})):
-        upsert(repository, "p", title, json.dumps(cache, ensure_ascii=False), **changes)
-        row = {"branch": "main", "page_id": "p", "title": title, **FIELDS, **changes, "build_cache": cache}
-        assert repository.get_wiki_pages("main") == [row]
-    with pytest.raises(ValueError):
-        upsert(repository, "q", build_cache="[1]")
-    assert (page_ids(repository), repository.get_wiki_pages("other")) == (["p"], [])
-
-
-def test_chunks_follow_their_page(repository):
-    for branch, chunks in (("main", ["one", "two", "three"]), ("main", ["uno", "due"]), ("dev", ["far"])):
-        save(repository, "p", branch, chunks)
-    (row,) = repository.get_wiki_pages("main")
-    assert (row["status"], row["rel_path"], row["build_cache"]) == ("fresh", "pages/p.md", {"prose": "x"})
-    upsert(repository, "p")
-    assert repository.get_wiki_chunks("main", "p") == ["uno", "due"]
-    assert [repository.delete_wiki_page("main", "p") for _ in range(2)] == [True, False]
-    upsert(repository, "p")
-    assert [repository.get_wiki_chunks(branch, "p") for branch in ("main", "dev")] == [[], ["far"]]
-
-
-def test_a_store_that_is_only_read_refuses_all_else(database):
-    with pytest.raises(StoreError, match="holds no wiki"):
-        Repository(database, read_only=True)
-    with closing(Repository(database)) as store, closing(Repository(database, read_only=True)) as reader:
-        save(store, "p")
-        for change in (lambda: save(reader, "q"), lambda: reader.delete_wiki_page("main", "p")):
-            with pytest.raises(sa.exc.SQLAlchemyError, match=r"read.?only"):
-                change()
-        assert page_ids(reader) == ["p"]
-
-
-def test_the_index_reports_what_it_holds(repository):
-    record = {"language": "Python", "is_source": True, "size": 2**40, "digest": "d"}
-    a, b = ({**record, "path": path} for path in ("a.py", "b.py"))
-    repository.record_indexed_files([b, {**a, "digest": "old"}, {**a, "path": "data.txt", "is_source": False}])
-    repository.record_indexed_files([a])
-    assert repository.list_indexed_files(source_only=True, limit=1_000_000) == ([a, b], False, 1_000_000, 2)
-    assert repository.list_indexed_files(limit=1) == ([a], True, 1, 3)
-    repository.forget_indexed_files(["a.py", "unknown", "data.txt"])
-    assert repository.list_indexed_files()[0] == [b]
-
-
-@pytest.mark.parametrize("failure", [ValueError, KeyboardInterrupt, StopIteration, GeneratorExit])
-def test_a_transaction_keeps_all_or_nothing(repository, failure):
-    transaction, rehearsal, error = repository.db.transaction, repository.db.rehearsal, failure()
-    for outer, inner in ((nullcontext, transaction), (nullcontext, rehearsal), (transaction, transaction)):
-        with outer():
-            upsert(repository, "kept")
-            with pytest.raises(failure) as caught, inner():
-                upsert(repository, "undone")
-                repository.delete_wiki_page("main", "kept")
-                assert page_ids(repository) == ["undone"]
-                raise error
-        assert caught.value is error and page_ids(repository) == ["kept"]
-    with rehearsal(), transaction():
-        repository.delete_wiki_page("main", "kept")
-        assert page_ids(repository) == []
-    assert page_ids(repository) == ["kept"]
-
-
-def test_what_the_database_has_undone_is_not_committed_by_halves(repository):
-    with pytest.raises(sa.exc.SQLAlchemyError), repository.db.transaction():
-        upsert(repository, "before")
-        with pytest.raises(KeyError), repository.db.transaction() as connection:
-            connection.exec_driver_sql("ROLLBACK")  # as SQLite does when the disk is full
-            raise KeyError
-        upsert(repository, "after")
-    assert page_ids(repository) == []
-
-
-def test_a_transaction_on_sqlite_takes_the_write_lock_at_once(tmp_path):
-    other = sqlite3.connect(tmp_path / "db", timeout=0, isolation_level=None)
-    with Repository(f"sqlite:///{tmp_path}/db").db.transaction(), pytest.raises(sqlite3.OperationalError):
-        other.execute("BEGIN IMMEDIATE")
-    other.execute("BEGIN IMMEDIATE")
-
-
-@pytest.mark.parametrize("bad", ["", ".", "..", "a/../../x", "/x", "a//b", "a/", "a\\b", "a\0b", "\ud800", "é" * 127])
-def test_a_page_id_that_leaves_the_pages_folder_stays_out_of_the_store(repository, bad):
-    upsert(repository, "inside/..x.md")
-    for write in (upsert, save, lambda repository, page_id: repository.delete_wiki_page("main", page_id)):
-        with pytest.raises(PageIdError):
-            write(repository, bad)
-    assert page_ids(repository) == ["inside/..x.md"]
+def test_a_lock_file_that_is_deleted_lets_nobody_in_twice(tmp_path, monkeypatch):
+    first, second, third = (wiki_lock.WikiLock(tmp_path).held() for _ in range(3))
+    tidy = lambda: ((tmp_path / ".lock").unlink(), second.__enter__(), first.__exit__(None, None, None))
+    naps = iter([tidy, lambda: 1 / 0])
+    monkeypatch.setattr("time.sleep", lambda _: next(naps)())
+    first.__enter__()
+    with pytest.raises(ZeroDivisionError):
+        third.__enter__()
+    second.__exit__(None, None, None)

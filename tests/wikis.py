@@ -1,55 +1,35 @@
 """A wiki to prune: a real store, real files, and the module's methods over them."""
 
 from quillstone.storage.repository import Repository
-from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.replan_carry import carried_sections
-
-BRANCH = "main"
 
 
 class Wiki(PageRetirementMixin):
     def __init__(self, folder):
-        self.repository = Repository(f"sqlite:///{folder / 'wiki.db'}")
-        self.repo_root, self.branch, self.pages_dir = folder / "tree", BRANCH, folder / "wiki" / "pages"
-        self.notes_dir = folder / "wiki" / "notes"
-        for made in (self.repo_root, self.pages_dir, self.notes_dir):
+        self.repository, self.branch = Repository(f"sqlite:///{folder / 'wiki.db'}"), "main"
+        self.repo_root, self.pages_dir = folder / "tree", folder / "wiki" / "pages"
+        for made in (self.repo_root, self.pages_dir, self.pages_dir.parent / "notes"):
             made.mkdir(parents=True)
-        self.index("indexed.py")
+        self.repository.record_indexed_files([{"path": "indexed.py"}])
 
-    def index(self, *paths):
-        records = [{"path": path, "language": "python", "is_source": True, "size": 1, "digest": ""} for path in paths]
-        self.repository.record_indexed_files(records)
-
-    def page(self, page_id, prose=None, files=("indexed.py",), **row):
-        prose = f"Prose of {page_id}." if prose is None else prose
-        row = {"title": page_id.title(), "source_files": list(files), "build_cache": {"prose": prose}, **row}
-        self.repository.save_wiki_page(self.branch, page_id, row.pop("title"), chunks=[prose], **row)
+    def page(self, page_id):
+        prose = f"Prose of {page_id}."
+        row = {"title": page_id.title(), "source_files": ["indexed.py"], "build_cache": {"prose": prose}, "chunks": []}
+        self.repository.save_wiki_page("main", page_id, **row)
         self.file(page_id).write_text(prose, "utf-8")
 
     def note(self, note_id):
-        self.repository.file_note(BRANCH, note_id, note_id.title(), ["text"])
-        file = self.notes_dir / f"{note_id}.md"
-        file.write_text("text", "utf-8")
-        return file
+        (self.pages_dir.parent / "notes" / f"{note_id}.md").touch()
 
     def file(self, page_id):
         return self.pages_dir / f"{page_id}.md"
 
     def rows(self):
-        return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
+        return {row["page_id"]: row for row in self.repository.get_wiki_pages("main")}
 
-    def state(self):
-        return self.rows(), {file.name: file.read_text("utf-8") for file in self.pages_dir.iterdir()}
-
-    def times_carried(self, page_id, successor, title=None):
+    def times_carried(self, page_id, successor):
         """How often the page's section stands in the successor's file and in its cached prose."""
-        (section,) = carried_sections([(title or page_id.title(), f"Prose of {page_id}.")])
-        cached = self.rows()[successor]["build_cache"]["prose"]
-        return self.file(successor).read_text("utf-8").count(section), cached.count(section)
-
-
-class GeneratedWiki(WikiGenerator):
-    """The same over the generator of the host."""
-
-    page, file, rows, times_carried = Wiki.page, Wiki.file, Wiki.rows, Wiki.times_carried
+        (section,) = carried_sections([(page_id.title(), f"Prose of {page_id}.")])
+        texts = self.file(successor).read_text("utf-8"), self.rows()[successor]["build_cache"]["prose"]
+        return tuple(text.count(section) for text in texts)

@@ -1,7 +1,5 @@
 """Errors that the person at the command line can mend."""
 
-from __future__ import annotations
-
 
 class HostError(Exception):
     """Something the caller has to put right; the message is one line that says what to do."""
@@ -9,6 +7,14 @@ class HostError(Exception):
 
 class PageIdError(HostError, ValueError):
     """A page id that names no file inside the pages folder."""
+
+
+class PageFileError(HostError):
+    """A page file that cannot be read or replaced as it is."""
+
+
+class PageChangedError(PageFileError):
+    """A page file that somebody saved after this run had read it; nothing of theirs was replaced."""
 
 
 class StoreError(HostError):
@@ -24,4 +30,4 @@ class ReplanError(HostError, ValueError):
 
 
 class WikiBusyError(HostError):
-    """A wiki that another process keeps locked for longer than one waits."""
+    """A wiki that another run keeps locked for longer than one waits."""

@@ -1,225 +1,174 @@
-"""The store: wiki pages with their chunks, and what the index knows, in SQLite or PostgreSQL."""
+"""The store: wiki pages with their chunks, and what each branch's index knows, in SQLite or PostgreSQL."""
 
-from __future__ import annotations
-
+import hashlib
 import json
+import re
 import threading
-from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
-from contextlib import contextmanager
+from collections.abc import Iterable, Iterator, Mapping, Sequence
+from contextlib import AbstractContextManager, contextmanager, nullcontext
 from typing import Any
 
 import sqlalchemy as sa
 from sqlalchemy.dialects import postgresql, sqlite
 
 from quillstone.errors import PageIdError, StoreError
-from quillstone.workers.wiki_types import NOTE_LEVEL
+from quillstone.workers.wiki.wiki_lock import wait_for
 
 SQLITE_BUSY_SECONDS = 30
-LONGEST_FILE_NAME = 255  # bytes, the limit of the common file systems
-_TURNS = 0x7175696C6C  # a number of this store's own
+LONGEST_PAGE_ID = 200  # bytes of each part; file systems take 255, and a run sets marks of its own beside the name
 _INSERT: dict[str, Any] = {"sqlite": sqlite.insert, "postgresql": postgresql.insert}
 
-
-class Json(sa.types.TypeDecorator[Any]):
-    """A column of JSON text, decoded when read."""
-
-    impl = sa.Text
-    cache_ok = True
-
-    def process_bind_param(self, value: Any, dialect: sa.Dialect) -> str:
-        return json.dumps(value, ensure_ascii=False)
-
-    def process_result_value(self, value: Any, dialect: sa.Dialect) -> Any:
-        return json.loads(value)
+INDEXED, EXCLUDED, GONE = "indexed", "excluded", "gone"  # planned for; left out though there; gone since the last build
 
 
 _metadata = sa.MetaData()
 
 
-def _text(name: str, default: str = "") -> sa.Column[str]:
-    return sa.Column(name, sa.Text, nullable=False, default=default)
+def _keys(*names: str) -> list[sa.Column[str]]:
+    return [sa.Column(name, sa.Text, primary_key=True) for name in names]
 
 
-def _json(name: str, default: type) -> sa.Column[Any]:
-    return sa.Column(name, Json, nullable=False, default=default)
+def _texts(**defaults: str) -> list[sa.Column[str]]:
+    return [sa.Column(name, sa.Text, nullable=False, default=default) for name, default in defaults.items()]
+
+
+def _json(**defaults: type) -> list[sa.Column[Any]]:
+    return [sa.Column(name, sa.JSON, nullable=False, default=default) for name, default in defaults.items()]
 
 
 wiki_pages = sa.Table(
     "wiki_pages",
     _metadata,
-    sa.Column("branch", sa.Text, primary_key=True),
-    sa.Column("page_id", sa.Text, primary_key=True),
-    _text("title"),
-    _text("description"),
-    _text("importance", "medium"),
-    _text("level", "module"),
+    *_keys("branch", "page_id"),
+    *_texts(title="", description="", importance="medium", level="module", rel_path="", content_hash="", model=""),
+    *_texts(status="stale", summary="", page_type=""),
     sa.Column("parent_section", sa.Text),
-    _text("rel_path"),
-    _json("source_files", list),
-    _json("source_hashes", dict),
-    _json("symbols", list),
-    _json("related_pages", list),
-    _json("citations", list),
-    _text("content_hash"),
-    _text("model"),
-    _text("status", "stale"),
-    _text("summary"),
-    _json("build_cache", dict),
-    _text("page_type"),
+    *_json(source_files=list, source_hashes=dict, symbols=list, related_pages=list, citations=list, build_cache=dict),
 )
 
 wiki_chunks = sa.Table(
     "wiki_chunks",
     _metadata,
-    sa.Column("branch", sa.Text, primary_key=True),
-    sa.Column("page_id", sa.Text, primary_key=True),
+    *_keys("branch", "page_id"),
     sa.Column("position", sa.Integer, primary_key=True),
-    _text("text"),
+    *_texts(text=""),
     sa.ForeignKeyConstraint(["branch", "page_id"], ["wiki_pages.branch", "wiki_pages.page_id"], ondelete="CASCADE"),
 )
 
-indexed_files = sa.Table(
-    "indexed_files",
+branch_files = sa.Table(
+    "branch_files",
     _metadata,
-    sa.Column("path", sa.Text, primary_key=True),
-    _text("language"),
+    *_keys("branch", "path"),
     sa.Column("is_source", sa.Boolean, nullable=False, default=True),
     sa.Column("size", sa.BigInteger, nullable=False, default=0),
-    _text("digest"),
+    *_texts(digest="", state=INDEXED),
 )
 
-branch_facts = sa.Table(
-    "branch_facts",
-    _metadata,
-    sa.Column("branch", sa.Text, primary_key=True),
-    sa.Column("name", sa.Text, primary_key=True),
-    _json("value", dict),
-)
+# What the host noted about a branch; runs that are committed and not yet finished among it.
+branch_facts = sa.Table("branch_facts", _metadata, *_keys("branch", "name"), *_json(value=dict))
 
 
 def check_page_id(page_id: str) -> None:
     """Raise `PageIdError` unless the id names a file inside the pages folder."""
-    problem = ""
-    if not isinstance(page_id, str) or not page_id:
-        problem = "is empty or no text"
-    elif "\\" in page_id or "\0" in page_id:
-        problem = "holds a backslash or a NUL"
-    elif any(part in ("", ".", "..") for part in page_id.split("/")):
-        problem = "leads out of the pages folder"
-    elif any("\ud800" <= character <= "\udfff" for character in page_id):
-        problem = "cannot be written as UTF-8"
-    elif any(len(part.encode()) + len(".md") > LONGEST_FILE_NAME for part in page_id.split("/")):
-        problem = "is too long for a file name"
-    if problem:
+    parts = page_id.split("/") if isinstance(page_id, str) else [""]
+    problems = {
+        "is empty or leads out of the pages folder": any(part in ("", ".", "..") for part in parts),
+        "holds a backslash, a NUL or half a character": bool(re.search("[\\\\\0\ud800-\udfff]", "".join(parts))),
+        "needs a folder in the place of another page's file": any(part.endswith(".md") for part in parts[:-1]),
+        "is too long for a file name": any(len(part.encode("utf-8", "replace")) > LONGEST_PAGE_ID for part in parts),
+    }
+    for problem in filter(problems.get, problems):
         raise PageIdError(f"page id {page_id!r} {problem}; use a plain name such as 'json' or 'email.mime'")
-
-
-class _RehearsalOver(BaseException):
-    """Ends a rehearsal's transaction without its changes."""
 
 
 class Database:
     """One database by URL, and the transaction that the calling thread is in."""
 
-    def __init__(self, url: str, read_only: bool = False) -> None:
-        """Open the database and create missing tables, unless it is to be read only; raises `StoreError`."""
+    def __init__(self, url: str) -> None:
+        """Open the database and create missing tables; raises `StoreError`."""
         shown = url
         try:
             parsed = sa.make_url(url)
             shown = repr(parsed)  # without the password
             if parsed.drivername == "postgresql":
                 parsed = parsed.set(drivername="postgresql+psycopg")
-            # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
             on_file = parsed.get_backend_name() == "sqlite" and parsed.database not in (None, "", ":memory:")
             self.engine = sa.create_engine(
                 parsed,
+                # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
                 poolclass=sa.NullPool if on_file else None,
-                execution_options={"postgresql_readonly": True} if read_only else {},
+                json_serializer=lambda value: json.dumps(value, ensure_ascii=False),
             )
             if self.engine.dialect.name not in _INSERT:
                 raise StoreError(f"database {shown} is neither sqlite nor postgresql; give a URL of one of these")
             if self.engine.dialect.name == "sqlite":
                 sa.event.listen(self.engine, "connect", _prepare_sqlite)
                 sa.event.listen(self.engine, "begin", _begin_sqlite)
-                if read_only:
-                    sa.event.listen(self.engine, "connect", _refuse_writes)
             self._threads = threading.local()
             if _metadata.tables.keys() - set(sa.inspect(self.engine).get_table_names()):
-                if read_only:
-                    self.engine.dispose()
-                    raise StoreError(f"database {shown} holds no wiki; run `quillstone-wiki index TREE` first")
                 with self.transaction() as connection:
-                    take_turns(connection)
+                    self.take_turn("", "making tables")
                     _metadata.create_all(connection)
         except (sa.exc.SQLAlchemyError, ImportError, ValueError, TypeError) as error:
             reason = " ".join(str(getattr(error, "orig", None) or error).split())
             raise StoreError(f"cannot open the database {shown} ({reason}); check its URL") from error
 
     @contextmanager
-    def transaction(self) -> Iterator[sa.Connection]:
+    def transaction(self, dry: bool = False) -> Iterator[sa.Connection]:
         """Make the row changes inside one: all of them on a normal end, none on any exception, which goes on.
 
-        Inside another transaction it is a savepoint of that one.
+        A dry one is undone. Inside another it is a part of that one, which cannot be committed once a part has failed.
         """
-        last_step, self._threads.last_step = getattr(self._threads, "last_step", _nothing), _nothing
-        outer: sa.Connection | None = getattr(self._threads, "connection", None)
-        if outer is not None:
-            savepoint = outer.begin_nested()
+        if outer := self._outer():
             try:
                 yield outer
-                last_step()
-                savepoint.commit()
             except BaseException:
-                try:
-                    if savepoint.is_active:
-                        savepoint.rollback()
-                except sa.exc.OperationalError:
-                    # With the disk full SQLite has undone the whole transaction: what follows must not be committed.
-                    outer.invalidate()
+                self._threads.has_failed = True
                 raise
             return
         with self.engine.connect() as connection:
             connection = connection.execution_options(writes=True)
-            with connection.begin():
-                self._threads.connection = connection
+            with connection.begin() as begun:
+                self._threads.connection, self._threads.has_failed = connection, False
                 try:
                     yield connection
-                    last_step()
+                    if self._threads.has_failed:
+                        raise StoreError("a part of this transaction failed, so none of it counts; run it again")
+                    if dry:
+                        begun.rollback()
                 finally:
                     self._threads.connection = None
 
-    @contextmanager
-    def ending_with(self, step: Callable[[], None]) -> Iterator[None]:
-        """Make `step` the last one of the next transaction that begins inside: both are committed, or neither."""
-        self._threads.last_step = step
-        try:
-            yield
-        finally:
-            self._threads.last_step = _nothing
-
-    @contextmanager
-    def rehearsal(self) -> Iterator[None]:
-        """Run what is inside for real, its transactions as savepoints, and undo every row change at the end."""
-        try:
-            with self.transaction():
-                yield
-                raise _RehearsalOver
-        except _RehearsalOver:
-            pass
-
-    @contextmanager
-    def reading(self) -> Iterator[sa.Connection]:
+    def reading(self) -> AbstractContextManager[sa.Connection]:
         """The connection to read on: that of the open transaction, else one of its own."""
-        outer: sa.Connection | None = getattr(self._threads, "connection", None)
-        if outer is not None:
-            yield outer
+        return nullcontext(outer) if (outer := self._outer()) else self.engine.connect()
+
+    def _outer(self) -> sa.Connection | None:
+        return getattr(self._threads, "connection", None)
+
+    def take_turn(self, name: str, holder: str) -> None:
+        """In the open transaction, wait until no other has a turn of this name, and keep it until the end.
+
+        Who waits is told for whom: the `holder` that was given. On SQLite every transaction that writes has its turn.
+        """
+        if self.engine.dialect.name != "postgresql":
             return
-        with self.engine.connect() as connection:
-            yield connection
+        key = int.from_bytes(hashlib.sha256(name.encode("utf-8", "surrogatepass")).digest()[:8], "big", signed=True)
+        with self.reading() as connection:
+            connection.execute(sa.select(sa.func.set_config("application_name", holder[:63], True)))
+            take = sa.select(sa.func.pg_try_advisory_xact_lock(key))
+            who = _TURN_HOLDER.bindparams(high=key >> 32 & 0xFFFFFFFF, low=key & 0xFFFFFFFF)
+            wait_for(
+                lambda: bool(connection.execute(take).scalar()),
+                lambda: str(connection.execute(who).scalar() or ""),
+                f"branch {name!r}",
+            )
 
 
-def _nothing() -> None:
-    pass
+_TURN_HOLDER = sa.text(
+    "SELECT application_name FROM pg_locks JOIN pg_stat_activity USING (pid)"
+    " WHERE locktype = 'advisory' AND granted AND classid = CAST(:high AS oid) AND objid = CAST(:low AS oid)"
+).bindparams(sa.bindparam("high", type_=sa.BigInteger), sa.bindparam("low", type_=sa.BigInteger))
 
 
 def _prepare_sqlite(connection: Any, _record: object) -> None:
@@ -228,33 +177,21 @@ def _prepare_sqlite(connection: Any, _record: object) -> None:
     connection.execute(f"PRAGMA busy_timeout = {SQLITE_BUSY_SECONDS * 1000}")
 
 
-def _refuse_writes(connection: Any, _record: object) -> None:
-    # Not opened as read-only: what a process that was killed left half-done has to be undone before reading.
-    connection.execute("PRAGMA query_only = ON")
-
-
 def _begin_sqlite(connection: sa.Connection) -> None:
     # A transaction that reads first and writes later could find itself unable to: take the write lock at once.
     writes = connection.get_execution_options().get("writes", False)
     connection.exec_driver_sql("BEGIN IMMEDIATE" if writes else "BEGIN")
 
 
-def take_turns(connection: sa.Connection) -> None:
-    """Let no other transaction that asks for its turn go on before this one ends."""
-    if connection.dialect.name == "postgresql":  # on SQLite every transaction that writes has its turn
-        connection.execute(sa.select(sa.func.pg_advisory_xact_lock(_TURNS)))
-
-
 class Repository:
-    """The store of one database. Each call commits by itself unless it stands inside `db.transaction()`.
+    """The store of one database, with one branch's index. Calls commit by themselves outside of `db.transaction()`.
 
-    Calls raise `sqlalchemy.exc.SQLAlchemyError` where the database fails, and `PageIdError` for a page id that
-    would leave the pages folder.
+    They raise `sqlalchemy.exc.SQLAlchemyError`, and `PageIdError` for a page id that would leave the pages folder.
     """
 
-    def __init__(self, url: str, read_only: bool = False) -> None:
-        """Open the store, for example "sqlite:///wiki.sqlite"; raises `StoreError`."""
-        self.db = Database(url, read_only)
+    def __init__(self, url: str, branch: str = "main") -> None:
+        """Open the store, for example "sqlite:///wiki.sqlite", for the index of `branch`; raises `StoreError`."""
+        self.db, self.branch = Database(url), branch
 
     def close(self) -> None:
         """Close the database's connections."""
@@ -262,91 +199,50 @@ class Repository:
 
     def get_wiki_pages(self, branch: str) -> list[dict[str, Any]]:
         """The branch's page rows, notes included, by page id; JSON fields are decoded."""
-        query = sa.select(wiki_pages).where(wiki_pages.c.branch == branch).order_by(wiki_pages.c.page_id)
-        with self.db.reading() as connection:
-            return [dict(row) for row in connection.execute(query).mappings()]
+        return self._rows(sa.select(wiki_pages).filter_by(branch=branch).order_by(wiki_pages.c.page_id))
 
     def list_indexed_files(
         self, *, source_only: bool = False, limit: int = 1_000_000
     ) -> tuple[list[dict[str, Any]], bool, int, int]:
-        """What the index knows, by path, as four members: records, whether there are more, the limit, the total."""
-        wanted = indexed_files.c.is_source if source_only else sa.true()
-        query = sa.select(indexed_files).where(wanted).order_by(indexed_files.c.path).limit(limit)
-        count = sa.select(sa.func.count()).select_from(indexed_files).where(wanted)
-        with self.db.reading() as connection:
-            records = [dict(row) for row in connection.execute(query).mappings()]
-            total = connection.execute(count).scalar_one()
-        return records, total > len(records), limit, total
+        """What the index knows, by path: records (of files left out on purpose, too), whether more, limit, how many."""
+        query = sa.select(branch_files).filter_by(branch=self.branch).where(branch_files.c.state != GONE)
+        query = query.where(branch_files.c.is_source) if source_only else query
+        records = self._rows(query.order_by(branch_files.c.path).limit(limit + 1))
+        return records[:limit], len(records) > limit, limit, len(records[:limit])
 
-    def upsert_wiki_page(
-        self,
-        branch: str,
-        page_id: str,
-        title: str,
-        *,
-        description: str,
-        importance: str,
-        level: str,
-        parent_section: str | None,
-        rel_path: str,
-        source_files: list[str],
-        source_hashes: dict[str, str],
-        symbols: list[Any],
-        related_pages: list[str],
-        citations: list[Any],
-        content_hash: str,
-        model: str,
-        status: str,
-        summary: str,
-        build_cache: str,
-        page_type: str,
-    ) -> None:
-        """Store the whole row of (branch, page id), new or over the stored one.
+    def files_gone(self) -> list[dict[str, Any]]:
+        """The records of files that are gone since the last build."""
+        return self._rows(sa.select(branch_files).filter_by(branch=self.branch, state=GONE))
 
-        Args:
-            build_cache: the JSON text of an object; it comes back as a dict. Anything else raises `ValueError`.
+    def upsert_wiki_page(self, branch: str, page_id: str, title: str, *, build_cache: str, **fields: Any) -> None:
+        """Store the row of (branch, page id), new or over the stored one.
+
+        `build_cache` is the JSON text of an object, which comes back as a dict; anything else raises `ValueError`.
         """
-        row = {name: value for name, value in locals().items() if name != "self"}
         check_page_id(page_id)
-        row["build_cache"] = json.loads(build_cache)
-        if not isinstance(row["build_cache"], dict):
+        cache = json.loads(build_cache)
+        if not isinstance(cache, dict):
             raise ValueError(f"build_cache of page {page_id!r} is the JSON text of no object")
+        row = {"branch": branch, "page_id": page_id, "title": title, "build_cache": cache, **fields}
         self._upsert(wiki_pages, [row])
 
     def delete_wiki_page(self, branch: str, page_id: str) -> bool:
         """Delete the row of (branch, page id) and its chunks; False when there was none."""
         check_page_id(page_id)
-        query = sa.delete(wiki_pages).where(wiki_pages.c.branch == branch, wiki_pages.c.page_id == page_id)
         with self.db.transaction() as connection:
-            return connection.execute(query).rowcount > 0
+            return connection.execute(sa.delete(wiki_pages).filter_by(branch=branch, page_id=page_id)).rowcount > 0
 
-    def save_wiki_page(
-        self,
-        branch: str,
-        page_id: str,
-        title: str,
-        *,
-        chunks: Sequence[str],
-        build_cache: Mapping[str, Any],
-        **fields: Any,
-    ) -> None:
+    def save_wiki_page(self, branch: str, page_id: str, title: str, *, chunks: Sequence[str], **fields: Any) -> None:
         """Store a page as fresh, with its chunks in place of the earlier ones; fields not given get their defaults."""
         check_page_id(page_id)
-        row = {"branch": branch, "page_id": page_id, "title": title, "build_cache": build_cache, **fields}
         here = {"branch": branch, "page_id": page_id}
+        fields = {"rel_path": f"pages/{page_id}.md", "build_cache": {}, **fields, "status": "fresh"}
         with self.db.transaction() as connection:
-            self._upsert(wiki_pages, [{"rel_path": f"pages/{page_id}.md", **row, "status": "fresh"}])
+            self._upsert(wiki_pages, [{**here, "title": title, **fields}])
             connection.execute(sa.delete(wiki_chunks).filter_by(**here))
             if chunks:
                 rows = [{**here, "position": position, "text": text} for position, text in enumerate(chunks)]
                 connection.execute(sa.insert(wiki_chunks), rows)
-
-    def file_note(self, branch: str, note_id: str, title: str, chunks: Sequence[str]) -> None:
-        """Store a research note, whose file is notes/<id>.md in the wiki folder."""
-        rel_path = f"notes/{note_id}.md"
-        self.save_wiki_page(
-            branch, note_id, title, chunks=chunks, build_cache={}, level=NOTE_LEVEL, rel_path=rel_path, model="person"
-        )
 
     def get_wiki_chunks(self, branch: str, page_id: str) -> list[str]:
         """The page's chunks in their order."""
@@ -355,19 +251,16 @@ class Repository:
             return list(connection.execute(query).scalars())
 
     def record_indexed_files(self, records: Iterable[Mapping[str, Any]]) -> None:
-        """Add to the index, or renew there, mappings of path, language, is_source, size (bytes) and digest."""
-        with self.db.transaction() as connection:
-            take_turns(connection)  # branches share the index: two could each wait for rows of the other
-            self._upsert(indexed_files, [dict(record) for record in records])
+        """Add to the index, or renew there, mappings of path, is_source, size (bytes), digest and state."""
+        self._upsert(branch_files, [{**record, "branch": self.branch} for record in records])
 
     def forget_indexed_files(self, paths: Iterable[str]) -> None:
         """Remove the files from the index; a path that it does not know is no error."""
         doomed = [{"doomed": path} for path in paths]
-        query = sa.delete(indexed_files).where(indexed_files.c.path == sa.bindparam("doomed"))
-        if doomed:
-            with self.db.transaction() as connection:
-                take_turns(connection)
-                connection.execute(query, doomed)
+        here = (branch_files.c.branch == self.branch) & (branch_files.c.path == sa.bindparam("doomed"))
+        with self.db.transaction() as connection:
+            if doomed:
+                connection.execute(sa.delete(branch_files).where(here), doomed)
 
     def get_fact(self, branch: str, name: str) -> Any:
         """What the host noted about the branch under this name, or None."""
@@ -376,8 +269,15 @@ class Repository:
             return connection.execute(query).scalar_one_or_none()
 
     def put_fact(self, branch: str, name: str, value: Any) -> None:
-        """Note a value that JSON can hold about the branch."""
-        self._upsert(branch_facts, [{"branch": branch, "name": name, "value": value}])
+        """Note a value that JSON can hold about the branch; None is no value."""
+        with self.db.transaction() as connection:
+            connection.execute(sa.delete(branch_facts).filter_by(branch=branch, name=name))
+            if value is not None:
+                connection.execute(sa.insert(branch_facts).values(branch=branch, name=name, value=value))
+
+    def _rows(self, query: sa.Select[Any]) -> list[dict[str, Any]]:
+        with self.db.reading() as connection:
+            return [dict(row) for row in connection.execute(query).mappings()]
 
     def _upsert(self, table: sa.Table, rows: list[dict[str, Any]]) -> None:
         if not rows:

@@ -1,128 +1,98 @@
 """The text of a folder's page: what its sources and its README say about themselves."""
 
-from __future__ import annotations
-
 import ast
-import io
 import re
-import tokenize
 import warnings
-from collections.abc import Mapping, Sequence
+from collections.abc import Mapping
+from contextlib import suppress
 from pathlib import Path, PurePosixPath
 from urllib.parse import quote
 
-from quillstone.workers.wiki.replan_carry import GENERATED, make_block, page_title_line, without_blocks
-from quillstone.workers.wiki.source_tree import LANGUAGES
+from quillstone.workers.wiki.replan_carry import (
+    GENERATED,
+    PageText,
+    join_prose,
+    make_block,
+    page_title_line,
+    without_blocks,
+)
+from quillstone.workers.wiki_types import PagePlan
 
 README_NAMES = ("README.md", "README.rst", "README.txt", "README", "readme.md")
 LARGEST_READ = 2_000_000  # bytes; parsing takes some hundred times as much memory
 CHUNK_CHARACTERS = 1500
 
-_COMMENT_BLOCK = re.compile(r"\s*/\*+(.*?)\*/", re.DOTALL)
-_COMMENT_LINE = re.compile(r"\s*(?://+!?|#+(?=\s|$)|--+|;+) ?(.*)")
-_CODING_LINE = re.compile(r"^[ \t\f]*#.*?coding[:=]|^#!")
-
-
-def read_text(path: Path) -> str:
-    """A text file as well as it can be read: Python's own encoding rules, then UTF-8 with U+FFFD for what is none."""
-    content = path.read_bytes()
-    try:
-        encoding, _ = tokenize.detect_encoding(io.BytesIO(content).readline)
-        text = content.decode(encoding)
-    except (SyntaxError, LookupError, UnicodeError):
-        text = content.decode("utf-8", "replace")
-    return clean_text(text)
-
 
 def clean_text(text: str) -> str:
     """The text with "\\n" line ends, and U+FFFD for what no page file or database can hold."""
-    text = text.replace("\r\n", "\n").replace("\r", "\n").replace("\0", "\ufffd")
-    return re.sub("[\ud800-\udfff]", "\ufffd", text)
+    return re.sub("[\0\ud800-\udfff]", "\ufffd", text.replace("\r\n", "\n").replace("\r", "\n"))
+
+
+def _content(path: Path) -> bytes:
+    with suppress(OSError):
+        if path.is_file() and not path.is_symlink() and path.stat().st_size <= LARGEST_READ:
+            return path.read_bytes()
+    return b""
 
 
 def readme_text(folder: Path) -> str:
     """The text of the folder's README, or ""."""
-    for name in README_NAMES:
-        path = folder / name
-        if path.is_file() and not path.is_symlink():
-            return read_text(path).strip("\n")
-    return ""
+    text = next(filter(None, (_content(folder / name) for name in README_NAMES)), b"").decode("utf-8", "replace")
+    return clean_text(text.lstrip("\ufeff")).strip("\n")
 
 
 def folder_title(root: Path, folder: str) -> str:
     """A page's title: the heading of the folder's README, else the folder's path, else the tree's name."""
     heading = re.match(r"# +(\S.*)", readme_text(root / folder))
-    return heading[1].strip("# ") if heading and heading[1].strip("# ") else folder or root.resolve().name or "root"
+    return (heading[1].strip("# ") if heading else "") or shown(folder or root.resolve().name) or "root"
 
 
-def draft_prose(root: Path, folder: str, files: Sequence[str]) -> str:
-    """A folder's prose: its README, its package docstring, and the paragraph that each of its files opens with."""
-    parts = [readme_text(root / folder)]
-    for path in files:
-        opening = opening_text(root / path)
-        if not opening:
-            continue
-        name = PurePosixPath(path).name
-        parts.append(opening if name == "__init__.py" else f"## {name}\n\n{first_paragraph(opening)}")
-    return without_blocks("\n\n".join(part for part in parts if part.strip()))
-
-
-def opening_text(path: Path) -> str:
-    """What a source file says first: a Python module's docstring, else the comment at its top; "" for none."""
-    try:
-        text = read_text(path) if path.stat().st_size <= LARGEST_READ else ""
-    except OSError:
-        return ""
-    is_python = LANGUAGES.get(path.suffix.removeprefix(".").lower()) == "Python"
-    docstring = _docstring(text) if is_python else ""
-    return docstring or _leading_comment(text)
-
-
-def _docstring(text: str) -> str:
-    # What does not parse (old syntax, half a file, nesting beyond the parser's limits) has no docstring.
+def docstring(path: Path) -> str:
+    """A Python module's docstring; "" for none, and for what does not parse."""
     try:
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")
-            return clean_text(ast.get_docstring(ast.parse(text)) or "").strip("\n")
+            return clean_text(ast.get_docstring(ast.parse(_content(path))) or "").strip("\n")
     except (SyntaxError, ValueError, RecursionError, MemoryError):
         return ""
 
 
-def _leading_comment(text: str) -> str:
-    lines = text.split("\n")
-    while lines and _CODING_LINE.match(lines[0]):
-        del lines[0]
-    block = _COMMENT_BLOCK.match("\n".join(lines))
-    if block:
-        taken = [re.sub(r"^\s*\*? ?", "", line) for line in block[1].split("\n")]
-    else:
-        taken = []
-        for line in "\n".join(lines).lstrip("\n").split("\n"):
-            comment = _COMMENT_LINE.fullmatch(line)
-            if not comment:
-                break
-            taken.append(comment[1])
-    return "\n".join(line.rstrip() for line in taken).strip("\n")
+def generated_text(root: Path, plan: PagePlan, titles: Mapping[str, str]) -> tuple[str, str]:
+    """What is generated below a page's title: lists of its files and pages, and its folders' READMEs and docstrings."""
+    facts = [f"Source files: {len(plan.source_files)}", *(f"- `{shown(path)}`" for path in plan.source_files)]
+    if plan.related_pages:
+        facts += ["", "Pages:", *(f"- [{titles[page]}]({quote(page)}.md)" for page in plan.related_pages)]
+    said = []
+    for folder in plan.folders:
+        said.append(readme_text(root / folder).removeprefix(page_title_line(plan.title)))
+        for path in (PurePosixPath(path) for path in plan.source_files if path.rpartition("/")[0] == folder):
+            doc = docstring(root / path) if path.suffix in (".py", ".pyw") else ""
+            is_package = not doc or path.name == "__init__.py"
+            said.append(doc if is_package else f"## {shown(path.name)}\n\n{first_paragraph(doc)}")
+    return "\n".join(facts), without_blocks(join_prose(said))
+
+
+def shown(path: str) -> str:
+    """The path without control characters, which would begin a line anew."""
+    return path.translate({number: f"\\x{number:02x}" for number in [*range(32), 127]})
+
+
+def page_text(title: str, page: PageText, generated: str) -> str:
+    """A page file's text: the title that a person gave it or else this one, the generated block, what people wrote."""
+    heading = page_title_line(title)
+    block = make_block(GENERATED, generated, heading=heading)
+    return join_prose([page_title_line(page.title) if page.title else heading, block, page.prose]) + "\n"
 
 
 def first_paragraph(text: str) -> str:
-    """The text up to its first empty line."""
-    return re.split(r"\n[ \t]*\n", text.strip("\n"), maxsplit=1)[0]
-
-
-def page_text(title: str, source_files: Sequence[str], links: Mapping[str, str], prose: str) -> str:
-    """A page file's text: the title, the generated block of files and links (page id to title), the prose."""
-    facts = [f"Source files: {len(source_files)}", *(f"- `{path}`" for path in source_files)]
-    if links:
-        facts += ["", "Pages:", *(f"- [{name}]({quote(page_id)}.md)" for page_id, name in links.items())]
-    head = f"{page_title_line(title)}\n\n{make_block(GENERATED, chr(10).join(facts))}\n"
-    return f"{head}\n{prose}\n" if prose else head
+    """The text up to its first empty line, in one line."""
+    return " ".join(re.split(r"\n[ \t]*\n", clean_text(text).strip("\n"), maxsplit=1)[0].split())
 
 
 def split_chunks(prose: str) -> list[str]:
-    """Cut prose at its empty lines into chunks of about `CHUNK_CHARACTERS`."""
+    """Cut prose at its empty lines into chunks of about `CHUNK_CHARACTERS`, of characters that a database can hold."""
     chunks: list[str] = []
-    for paragraph in prose.split("\n\n"):
+    for paragraph in clean_text(prose).split("\n\n"):
         if chunks and len(chunks[-1]) + len(paragraph) < CHUNK_CHARACTERS:
             chunks[-1] += f"\n\n{paragraph}"
         elif paragraph.strip():

@@ -1,32 +1,29 @@
-"""The wiki generator: indexes a source tree, plans and writes its pages, files notes, applies replans."""
+"""The wiki generator: indexes a source tree, plans and writes its pages, files notes, prunes, brings texts back."""
 
-from __future__ import annotations
-
+import os
+import shutil
 import time
-from collections.abc import Callable, Iterable, Mapping
+from collections.abc import Callable, Iterable, Mapping, Sequence
+from contextlib import suppress
+from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, cast
+from typing import Any, TypeVar, cast
 
-from quillstone.errors import HostError, PageIdError, TreeError
-from quillstone.storage.repository import check_page_id
+from quillstone.errors import HostError, PageChangedError, PageIdError, ReplanError, TreeError
+from quillstone.storage.repository import EXCLUDED, GONE, INDEXED, Repository, check_page_id
 from quillstone.workers.wiki import authoring
-from quillstone.workers.wiki.planning import Placement, folder_of, folder_page_id, plan_pages, planned_folders
-from quillstone.workers.wiki.prune_guard import PruneGuard
-from quillstone.workers.wiki.replan_carry import (
-    is_blank,
-    join_prose,
-    lineages,
-    page_prose,
-    split_carried,
-    text_digest,
-)
-from quillstone.workers.wiki.repo_facts import _atomic_write, sweep_temporary_files
+from quillstone.workers.wiki import replan_carry as carry
+from quillstone.workers.wiki.page_files import PageFiles, Run, decoded, leaves
+from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from quillstone.workers.wiki.planning import Placement, folder_page_id, moved_folders, plan_pages
+from quillstone.workers.wiki.repo_facts import _atomic_write
 from quillstone.workers.wiki.source_tree import file_record, list_files
-from quillstone.workers.wiki.workspace import Rows, WikiWorkspace
-from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan
+from quillstone.workers.wiki.wiki_lock import WikiLock, whoami
+from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan, Rows
 
-Track = Callable[[list[Any], str], Iterable[Any]]
-"""Goes through a list and shows, under a label, how far it is."""
+Track = Callable[[list[Any], str], Iterable[Any]]  # goes through a list and shows, under a label, how far it is
+Result = TypeVar("Result")
+TRIES = 5  # of a run, while somebody saves pages that it has read
 
 
 def untracked(steps: list[Any], _label: str) -> Iterable[Any]:
@@ -34,166 +31,389 @@ def untracked(steps: list[Any], _label: str) -> Iterable[Any]:
     return steps
 
 
-class TreeIndexer(WikiWorkspace):
-    """Brings the index in line with the tree and plans pages over it."""
+@dataclass
+class RunOutcome:
+    """What a run did beside its result."""
 
-    def index(self, track: Track = untracked) -> tuple[int, int]:
-        """Index the tree as it is now; gives the number of source files and of all files.
+    written: int = 0
+    deleted: int = 0
+    seconds: float = 0.0  # that the prune took
+    moved: dict[str, str] = field(default_factory=dict)  # page whose folder moved to the page that continues it
+    kept_texts: dict[str, str] = field(default_factory=dict)  # page that lost a person's text to the file that keeps it
+    recovered: list[str] = field(default_factory=list)  # what became of runs that had been stopped
 
-        Raises `TreeError` for a tree that cannot be read and `OSError`, with the index as it was.
+
+def note_text(path: Path) -> str:
+    """The text of a note's file; raises `HostError` and `OSError` for one that cannot be stored."""
+    check_page_id(path.stem)
+    if not path.is_file():
+        raise HostError(f"{path} is no file")
+    return decoded(path, path.read_bytes())
+
+
+class WikiGenerator(PageRetirementMixin):
+    """Writes the wiki of one tree and applies plans to it. An object belongs to one thread.
+
+    Whatever changes the wiki is a run: one at a time, its rows in one transaction, its files taken back if that fails.
+    Runs raise `HostError` for what a person can mend.
+    """
+
+    def __init__(self, repository: Repository, repo_root: Path, branch: str, wiki_dir: Path) -> None:
+        """Work on the wiki in `wiki_dir` (its pages/ and notes/) about the tree `repo_root`."""
+        self.repository, self.repo_root, self.branch = repository, repo_root, branch
+        self.wiki_dir, self.files, self.lock = wiki_dir, PageFiles(wiki_dir), WikiLock(wiki_dir)
+        self.pages_dir = self.files.pages_dir
+        self.outcome, self.is_committed = RunOutcome(), False
+        self._sources_taken: dict[str, list[str]] = {}
+
+    def stored_pages(self) -> Rows:
+        """The branch's page rows by page id."""
+        return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
+
+    def files_without_rows(self) -> list[str]:
+        """Page files that belong to no stored page, by page id."""
+        stored = {page_id for page_id, row in self.stored_pages().items() if row["level"] != NOTE_LEVEL}
+        return sorted({self.files.page_id(path) for path in self.pages_dir.rglob("*.md") if not path.is_dir()} - stored)
+
+    # Runs.
+
+    def in_run(self, command: str, work: Callable[[], Result], dry: bool = False) -> Result:
+        """Do the work as one run, or as a part of the one that is under way; a dry one changes nothing.
+
+        It begins anew when somebody saves a page that it has read; after `TRIES` times it raises `PageChangedError`.
         """
+        if self.files.run:
+            return work()
+        with self.lock.held():
+            recovered: list[str] = []
+            kept: dict[str, str] = {}
+            for tries_left in reversed(range(TRIES)):
+                try:
+                    recovered += self._recover()
+                    kept |= self.outcome.kept_texts
+                    result = self._attempt(command, work, dry)
+                    break
+                except PageChangedError:
+                    if not tries_left:
+                        raise
+            self.outcome.recovered, self.outcome.kept_texts = recovered, kept | self.outcome.kept_texts
+        return result
+
+    def _recover(self) -> list[str]:
+        self.outcome, ends = (
+            RunOutcome(),
+            {True: "was committed; it is finished now", False: "was stopped; it is taken back"},
+        )
+        if not (stopped := self.files.unfinished()):
+            return []
+        with self.repository.db.transaction():
+            self.repository.db.take_turn(self.branch, whoami())
+            return [f"{run.id}, {ends[self._settle(run)]}" for run in stopped]
+
+    def _attempt(self, command: str, work: Callable[[], Result], dry: bool = False) -> Result:
+        run = Run(self.files, command=command, dry=dry)
+        self.outcome, self.is_committed = RunOutcome(), False
+        try:
+            with self.repository.db.transaction(dry):
+                self.repository.db.take_turn(self.branch, whoami())
+                self.files.run = run
+                result = work()
+                run.check_removed()
+                if run.changes_files:
+                    run.folder.mkdir(parents=True, exist_ok=True)  # by which the next run knows of it
+                    self.repository.put_fact("", f"run {run.id}", {"removed": run.removed, "heirs": run.heirs})
+        except BaseException:
+            self.files.run, self.files.stopping = None, False
+            with suppress(Exception):  # what cannot be settled now is left to the next run
+                self.is_committed = self._settle(run)
+            raise
+        self.files.run, self.is_committed = None, not dry
+        try:
+            self._settle(run)
+        except OSError as error:
+            raise HostError(
+                f"the run is committed, but not all files are in place ({error}); the next one goes on"
+            ) from error
+        return result
+
+    def _settle(self, run: Run) -> bool:
+        # Only the store knows whether a run was committed.
+        facts = self.repository.get_fact("", f"run {run.id}") if run.changes_files else None
+        if facts:
+            run.removed, run.heirs = facts["removed"], facts["heirs"]
+        elif not run.dry:
+            rows = self.repository.get_wiki_pages(self.branch) if run.changes_files else []
+            run.undo([*map(carry.cached_prose, rows)])
+        self.outcome.kept_texts |= run.finish()
+        if facts:
+            self.repository.put_fact("", f"run {run.id}", None)
+        return bool(facts)
+
+    # The index and the plan.
+
+    def index(self, track: Track = untracked) -> tuple[int, int, dict[str, str]]:
+        """Index the tree as it is now; gives how many source files and files there are, which were missed, and why."""
+        tree = os.path.relpath(self.repo_root.resolve(), self.wiki_dir.resolve())
         known_tree = self.repository.get_fact(self.branch, "tree")
-        if known_tree and Path(known_tree).is_dir() and Path(known_tree) != self.repo_root.resolve():
+        if known_tree and known_tree != tree and (self.wiki_dir / known_tree).is_dir():
             raise TreeError(f"this wiki is about {known_tree!r}; give another tree a wiki of its own with --wiki")
-        paths = list_files(self.repo_root, without=self.pages_dir.parent)
-        records = [file_record(self.repo_root, path) for path in track(paths, "Indexing")]
-        with self.lock.held(), self.repository.db.transaction():
-            self.repository.record_indexed_files(records)
-            known = {record["path"] for record in self.repository.list_indexed_files()[0]}
-            self.repository.forget_indexed_files(known.difference(paths))
-            self.repository.put_fact(self.branch, "tree", str(self.repo_root.resolve()))
-        return sum(record["is_source"] for record in records), len(records)
+        paths, missed = list_files(self.repo_root, without=self.wiki_dir)
+        found = {path: {**file_record(self.repo_root, path), "state": INDEXED} for path in track(paths, "Indexing")}
 
-    def plan(self) -> list[PagePlan]:
+        def record() -> None:
+            before = {record["path"]: record for record in self.repository.list_indexed_files()[0]}
+            unread = {path: before[path] for path, record in found.items() if not record["digest"] and path in before}
+            # What pages are judged by, and is there without being indexed, was left out on purpose.
+            judged = {path for row in self.stored_pages().values() for path in row["source_files"]} - found.keys()
+            there = {path for path in judged | before.keys() - found.keys() if os.path.lexists(self.repo_root / path)}
+            rest = [{**file_record(self.repo_root, path), "state": EXCLUDED} for path in sorted(there)]
+            gone = [{**before[path], "state": GONE} for path in before.keys() - found.keys() - there]
+            self.repository.record_indexed_files([*(found | unread).values(), *rest, *gone])
+            self.repository.put_fact(self.branch, "tree", tree)
+
+        self.in_run("index", record)
+        return sum(record["is_source"] for record in found.values()), len(found), missed
+
+    def plan(self, rows: Rows | None = None) -> list[PagePlan]:
         """The plan of record: a page for each folder that the index knows sources of, after all replans so far."""
-        return plan_pages(self.repo_root, self._indexed_sources(), self._placements())
+        rows = self.stored_pages() if rows is None else rows
+        notes = [page_id for page_id, row in rows.items() if row["level"] == NOTE_LEVEL]
+        plans = plan_pages(self.repo_root, self._planned_files(), self.placements(), notes)
+        for plan in plans:
+            known = rows.get(plan.page_id, {}).get("build_cache") or {}
+            plan.title = plan.title or known.get("heading") or plan.page_id
+        return plans
 
-    def _indexed_sources(self) -> list[str]:
-        return [record["path"] for record in self.repository.list_indexed_files(source_only=True)[0]]
+    def _planned_files(self) -> Rows:
+        records = self.repository.list_indexed_files(source_only=True)[0]
+        return {record["path"]: record for record in records if record["state"] == INDEXED}
 
-    def _placements(self) -> dict[str, Placement]:
+    def placements(self) -> dict[str, Placement]:
+        """Where replans put folders, by the page id that a folder has by itself."""
         return cast("dict[str, Placement]", self.repository.get_fact(self.branch, "placements") or {})
 
-    def _place_folders(self, remap: Mapping[str, str], plan_ids: set[str], before: Rows) -> None:
-        # Only what is really gone moves: a page that the prune kept stays where its folder is.
-        retired = before.keys() - self.stored_pages().keys()
-        origins = {successor: pages for successor, pages in lineages(remap).items() if successor in plan_ids}
-        placements = self._placements()
-        for folder in planned_folders(map(folder_of, self._indexed_sources())):
-            own_id = folder_page_id(folder)
-            now = placements.get(own_id) or Placement(page=own_id, merged=False)
-            if now["page"] in retired:
-                heir = next((successor for successor, pages in origins.items() if now["page"] in pages), None)
-                renamed = heir is not None and heir not in before and remap.get(heir) == now["page"]
-                placements[own_id] = Placement(page=heir, merged=now["merged"] or not renamed)
-        self.repository.put_fact(self.branch, "placements", placements)
+    def _place(self, changes: Mapping[str, Placement]) -> None:
+        self.repository.put_fact(self.branch, "placements", {**self.placements(), **changes})
 
+    # Pages.
 
-class NoteKeeper(WikiWorkspace):
-    """Files the notes of people."""
+    def build(self, track: Track = untracked) -> RunOutcome:
+        """Write and store every planned page, fresh, and prune; what a person wrote on a page stays."""
+        self.in_run("build", lambda: self._build(track))
+        return self.outcome
 
-    def file_note(self, note_id: str, title: str, text: str) -> Path:
-        """Write and store a research note; gives its file. Raises `HostError` for an id that is taken."""
-        check_page_id(note_id)
-        if "/" in note_id:
-            raise PageIdError(f"note id {note_id!r} holds a slash; notes lie side by side in one folder")
-        path = self.pages_dir.parent / "notes" / f"{note_id}.md"
-        prose, title = authoring.clean_text(text).strip("\n"), authoring.clean_text(title)
-        content = f"# {title}\n\n{prose}\n"
-        with self.lock.held():
-            # The same text without a row is what a run left whose commit failed.
-            is_taken = path.exists() and not (path.is_file() and path.read_bytes() == content.encode())
-            if is_taken or note_id in self.stored_pages():
-                raise HostError(f"the id {note_id!r} is taken by a page or a note; choose another, or edit {path}")
-            with self.repository.db.transaction():  # the file last: without it the row goes, too
-                self.repository.file_note(self.branch, note_id, title, authoring.split_chunks(prose))
-                _atomic_write(path, content)
-        return path
+    def _build(self, track: Track) -> None:
+        self._store_notes()
+        self.continue_moved_pages()
+        rows = self.stored_pages()
+        plans, planned = self.plan(rows), self._planned_files()
+        self._prune_retired_pages(rows, {plan.page_id for plan in plans})
+        titles = {plan.page_id: self._read(plan, rows).title or plan.title for plan in plans}
+        for plan in track(plans, "Writing pages"):
+            for tries_left in reversed(range(TRIES)):
+                try:
+                    self._save_page(plan, rows, titles, planned)
+                    break
+                except PageChangedError:  # only this page has to be done again, unless others were merged into it
+                    run = cast(Run, self.files.run)
+                    if run.heirs or not tries_left:
+                        raise
+                    run.forget(self.files.page_file(plan.page_id))
+            for own_id in map(folder_page_id, plan.own_folders if plan.page_id.endswith("%") else ()):
+                self._place({own_id: Placement(page=plan.page_id, merged=False)})  # its own id was taken
+        self.repository.forget_indexed_files(record["path"] for record in self.repository.files_gone())
+        self.outcome.written = len(plans)
 
-
-class WikiGenerator(PruneGuard, TreeIndexer, NoteKeeper):
-    """Writes the wiki of one tree and applies plans to it."""
-
-    prune_seconds = 0.0
-    """How long the last prune took."""
-
-    def build(self, track: Track = untracked) -> tuple[int, int]:
-        """Write and store every planned page, fresh, then prune; gives how many were written and how many deleted.
-
-        What a person wrote on a page stays, as do carried sections; prose that nobody touched follows the sources.
-        """
-        with self.lock.held():
-            rows = self.stored_pages()
-            plans = self.plan()
-            for plan in plans:
-                if rows.get(plan.page_id, {}).get("level") == NOTE_LEVEL:
-                    raise HostError(f"the note {plan.page_id!r} has the id of a folder's page; rename note and file")
-                if not plan.folders and plan.page_id in rows:
-                    plan.title = rows[plan.page_id]["title"]
-            titles = {plan.page_id: plan.title for plan in plans}
-            texts = {plan.page_id: self._page_text(plan.page_id) for plan in plans}
-            digests = {record["path"]: record["digest"] for record in self.repository.list_indexed_files()[0]}
-            with self.repository.db.transaction():
-                for plan in track(plans, "Writing pages"):
-                    self._save_page(plan, rows.get(plan.page_id), texts[plan.page_id], titles, digests)
-            deleted = self._prune_retired_pages(self.stored_pages(), set(titles))
-        return len(plans), deleted
+    def _read(self, plan: PagePlan, rows: Rows, generated: str = "") -> carry.PageText:
+        row, text = rows.get(plan.page_id, {}), self._page_text(plan.page_id)
+        return carry.read_page(carry.cached_prose(row) if text is None else text, row, generated)
 
     def _save_page(
-        self,
-        plan: PagePlan,
-        stored: dict[str, Any] | None,
-        before: str | None,
-        titles: Mapping[str, str],
-        digests: Mapping[str, str],
+        self, plan: PagePlan, rows: Rows, titles: Mapping[str, str], planned: Rows, page: carry.PageText | None = None
     ) -> None:
-        row = stored or {"page_id": plan.page_id, "title": plan.title}
-        draft = join_prose(self._drafts(plan))
-        own, sections = split_carried(page_prose(before, row))
-        cache = row.get("build_cache") or {}
-        if is_blank(own) or cache.get("draft") == text_digest(own):
-            own = draft
-        prose = join_prose([own, *sections])
-        links = {page_id: titles[page_id] for page_id in plan.related_pages}
-        text = authoring.page_text(plan.title, plan.source_files, links, prose)
-        if text != before:
-            _atomic_write(self.pages_dir / f"{plan.page_id}.md", text)
+        row = rows.get(plan.page_id, {})
+        facts, said = authoring.generated_text(self.repo_root, plan, titles)
+        generated = carry.join_prose([facts, said])
+        page = page or self._read(plan, rows, generated)
+        if page.title and carry.page_title_line(plan.title) == carry.page_title_line(page.title):
+            page = page._replace(title=None)  # nobody's own
+        text = authoring.page_text(plan.title, page, generated)
+        _atomic_write(self.files.page_file(plan.page_id), text)
+        if (
+            row.get("status") == "stale"
+        ):  # what was carried here stands in the row, whatever was saved over the file since
+            carried = carry.split_carried(carry.cached_prose(row))[1]
+            cast(Run, self.files.run).keep_cached(plan.page_id, "\n\n".join(carried))
+        # Files that the index has lost and that are there have a say in the page's fate, too.
+        unindexed = [path for path in row.get("source_files") or () if path not in planned]
+        title = [carry.page_title_line(page.title)] if page.title else []  # for a page whose file is deleted
+        cache = {"prose": carry.join_prose([*title, page.prose]), "heading": plan.title, carry.GENERATED: generated}
         self.repository.save_wiki_page(
             self.branch,
             plan.page_id,
-            plan.title,
-            chunks=authoring.split_chunks(prose),
-            build_cache={**cache, "prose": prose, "draft": text_digest(draft)},
-            description=" ".join(authoring.first_paragraph(own).split())[:200],
+            authoring.clean_text(page.title or plan.title),
+            chunks=authoring.split_chunks(carry.join_prose([said, page.prose])),
+            build_cache={**(row.get("build_cache") or {}), **cache},
+            description=authoring.first_paragraph(carry.split_carried(page.prose)[0] or said)[:200],
             parent_section=plan.parent,
-            source_files=plan.source_files,
-            source_hashes={path: digests[path] for path in plan.source_files},
+            source_files=[*plan.judged_files, *filter(lambda path: os.path.lexists(self.repo_root / path), unindexed)],
+            source_hashes={path: planned[path]["digest"] for path in plan.judged_files},
             related_pages=plan.related_pages,
-            content_hash=text_digest(text),
+            content_hash=carry.text_digest(text),
             model="docstrings",
         )
 
-    def _drafts(self, plan: PagePlan) -> Iterable[str]:
-        for folder in plan.folders:
-            files = [path for path in plan.source_files if folder_of(path) == folder]
-            yield authoring.draft_prose(self.repo_root, folder, files)
+    def continue_moved_pages(self) -> None:
+        """Where all of a folder stands below another now, let its page go on there, as a renaming would."""
+        if not (moves := moved_folders(self.repository.files_gone(), self._planned_files().values())):
+            return
+        placements, rows = self.placements(), self.stored_pages()
+        ids = {folder_page_id(old): new for old, new in moves.items()}
+        self._place(
+            {folder_page_id(new): placements[own] for own, new in ids.items() if own in placements} | placements
+        )
+        plans = self.plan(rows)
+        page_of = {folder: plan.page_id for plan in plans for folder in plan.folders}
+        seeds: dict[str, str] = {}
+        merged: dict[str, list[str]] = {}
+        may_go = ids.keys() & self._retired_page_ids(rows, {*rows}.difference(ids))
+        for page_id in sorted(may_go.difference(plan.page_id for plan in plans if plan.own_folders)):
+            if target := page_of.get(ids[page_id]):
+                along = [own_id for own_id, place in self.placements().items() if place["page"] == page_id]
+                self._place({own_id: Placement(page=target, merged=True, was=page_id) for own_id in along})
+                self.outcome.moved[page_id] = target
+                if target in rows or seeds.setdefault(target, page_id) != page_id:
+                    merged.setdefault(target, []).append(page_id)
+        if self.outcome.moved:
+            stay = {*rows, *seeds}.difference(self.outcome.moved)
+            self._prune_retired_pages(rows, stay, carry.ReplanRemap(seeds, merged))
 
-    def apply_replan(self, remap: Mapping[str, str], plan_ids: set[str]) -> int:
-        """Bring store and page files to the plan `plan_ids`; gives the number of pages deleted.
+    # Notes.
 
-        Args:
-            remap: each new page to the stored page that it continues; a `ReplanRemap` also says which pages are
-                merged into which.
+    def file_note(self, note_id: str, title: str, text: str) -> Path:
+        """Write and store a research note; gives its file, which stays even if the note cannot be stored."""
+        check_page_id(note_id)
+        if "/" in note_id:
+            raise PageIdError(f"note id {note_id!r} holds a slash; notes lie side by side in one folder")
+        path = self.files.wiki_dir / "notes" / f"{note_id}.md"
+        content = carry.join_prose(map(authoring.clean_text, (carry.page_title_line(title), text))) + "\n"
 
-        Raises `ReplanError` or `PageIdError` before anything changes; after any other exception the rows are as they
-        were and no prose is lost, and the same call may be made again.
-        """
-        with self.lock.held():
-            before = self.stored_pages()
-            # A build between a replan and the note of it would take the replan's pages for strangers.
-            with self.repository.db.ending_with(lambda: self._place_folders(remap, plan_ids, before)):
-                return self._apply_replan_to_store(remap, plan_ids)
+        def file() -> None:
+            is_there = os.path.lexists(path) and not (path.is_file() and path.read_bytes() == content.encode())
+            if is_there or note_id in self.stored_pages():
+                raise HostError(f"the id {note_id!r} is taken by a page or a note; choose another, or edit {path}")
+            _atomic_write(path, content)
+            self._store_notes()
+
+        self.in_run("note", file)
+        return path
+
+    def _store_notes(self) -> None:
+        # A note is its file: one without a row is filed, one that was edited is stored again.
+        rows = self.stored_pages()
+        for path in sorted((self.wiki_dir / "notes").glob("*.md")):
+            row = rows.get(path.stem) or {"level": NOTE_LEVEL, "content_hash": None}
+            with suppress(OSError, HostError):  # the doctor names it
+                text = note_text(path)
+                if row["level"] == NOTE_LEVEL and row["content_hash"] != carry.text_digest(text):
+                    note = carry.read_page(authoring.clean_text(text), {})
+                    fields: dict[str, Any] = {"level": NOTE_LEVEL, "rel_path": f"notes/{path.name}", "model": "person"}
+                    fields |= {"chunks": authoring.split_chunks(note.prose), "content_hash": carry.text_digest(text)}
+                    self.repository.save_wiki_page(self.branch, path.stem, note.title or path.stem, **fields)
+
+    # Replans.
+
+    def place_folders(self, retired: Iterable[str], heir: Callable[[str], str | None], merged: set[str]) -> None:
+        """Note where the folders of retired pages belong from now on; whether they are indexed does not matter."""
+        placements = self.placements()
+        for page_id in retired:
+            here = {own_id: place["merged"] for own_id, place in placements.items() if place["page"] == page_id}
+            if all(here.values()):
+                here[page_id] = False  # a page of its folder's own name
+            for own_id, was_merged in here.items():
+                placements[own_id] = Placement(page=heir(page_id), merged=was_merged or page_id in merged, was=page_id)
+        self._place(placements)
 
     def _apply_replan_to_store(self, remap: Mapping[str, str], plan_ids: set[str]) -> int:
-        with self.lock.held():
-            return super()._apply_replan_to_store(remap, plan_ids)
+        return self.in_run("replan", lambda: super(WikiGenerator, self)._apply_replan_to_store(remap, plan_ids))
 
     def _prune_retired_pages(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str] | None = None) -> int:
-        with self.lock.held():
-            for folder in (self.pages_dir, self.pages_dir.parent / "notes"):
-                sweep_temporary_files(folder)
-            self._refuse_what_loses_prose(existing, plan_ids, {} if remap is None else remap)
-            started = time.perf_counter()
-            deleted = super()._prune_retired_pages(existing, plan_ids, remap)
-            self.prune_seconds = time.perf_counter() - started
+        return self.in_run("prune", lambda: self._prune(existing, plan_ids, remap))
+
+    def _prune(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str] | None) -> int:
+        run = cast(Run, self.files.run)
+        origins = carry.lineages({} if remap is None else remap)
+        safe = plan_ids.union(*(pages for successor, pages in origins.items() if successor in plan_ids))
+        for successor, pages in origins.items():
+            check_page_id(successor)
+            if successor not in safe:
+                raise ReplanError(
+                    f"page {successor!r} takes prose but is not in the plan, so the prose would go with it; "
+                    "keep the page or merge it on into one that stays"
+                )
+            for page_id in pages:
+                run.heirs.setdefault(page_id, []).append(successor)
+            sources = (existing.get(page_id, {}).get("source_files") or () for page_id in pages)
+            self._sources_taken[successor] = [path for paths in sources for path in paths]
+        run.spared |= {page_id for page_id, row in existing.items() if row.get("level") == NOTE_LEVEL}
+        started = time.perf_counter()
+        deleted = super()._prune_retired_pages(existing, plan_ids, remap)
+        self.outcome.seconds += time.perf_counter() - started
+        for page_id in run.removed.keys() & existing.keys():
+            run.keep_cached(page_id, carry.cached_prose(existing[page_id]))
+        self.outcome.deleted += deleted
         return deleted
+
+    def _upsert_successor(self, new_id: str, row: dict[str, Any], files: list[str], carried: Sequence[str]) -> None:
+        # Judged by all sources that it took over: too few would not protect it while the index is behind.
+        taken = [path for path in self._sources_taken.get(new_id, ()) if path not in files]
+        super()._upsert_successor(new_id, row, [*files, *dict.fromkeys(taken)], carried)
+
+    def _page_text(self, page_id: str) -> str | None:
+        text = super()._page_text(page_id)
+        return None if text is None or carry.is_blank(text) else text  # what it gets follows its cached prose
+
+    # What is kept.
+
+    def restore(self, page_id: str, into: str = "", run: str = "") -> str:
+        """Bring a kept text back, that of the last run or of the one given; gives the page that has it now.
+
+        That is its own page if the plan has it (one that was dropped is in the plan again), else the page `into`.
+        """
+        return self.in_run("restore", lambda: self._restore(page_id, into, run))
+
+    def _restore(self, page_id: str, into: str, run: str) -> str:
+        found = [(kept, file) for kept, kept_id, file in self.files.kept() if kept_id == page_id and run in ("", kept)]
+        placements = self.placements()
+        dropped = [place for place in placements.values() if place["page"] is None and place.get("was") == page_id]
+        if not found and (into or run or not dropped):
+            raise HostError(f"no text of page {page_id!r} is kept; `quillstone-wiki retired` lists what is")
+        for place in () if into else dropped:
+            place["page"] = page_id
+        self._place(placements)
+        rows, target = self.stored_pages(), into or page_id
+        plans = {plan.page_id: plan for plan in self.plan(rows)}
+        if target not in plans:
+            raise HostError(f"the plan has no page {target!r}; name one that it has with --into")
+        titles = {plan_id: rows.get(plan_id, {}).get("title") or plan.title for plan_id, plan in plans.items()}
+        generated = carry.join_prose(authoring.generated_text(self.repo_root, plans[target], titles))
+        title, prose = self._read(plans[target], rows, generated)
+        for file in [file for kept, file in found if kept == found[-1][0]]:
+            text = decoded(file, file.read_bytes())
+            kept = carry.read_page(text, {})
+            if carry.is_blank(prose) and not into:
+                title, prose = title or kept.title, kept.prose
+            elif leaves(text, [carry.join_prose([f"# {title}" if title else "", prose])]):
+                sections = carry.carried_sections([(kept.title or page_id, kept.prose)])
+                prose = carry.with_carried(prose, sections).strip("\n")
+        self._save_page(plans[target], rows, titles, self._planned_files(), carry.PageText(title, prose))
+        return target
+
+    def forget(self, run: str) -> int:
+        """Delete what is kept of a run, for good; gives how many texts that were. Raises `HostError`."""
+        with self.lock.held():
+            texts = [file for kept, _, file in self.files.kept() if kept == run]
+            if not texts:
+                raise HostError(f"nothing is kept of a run {run!r}; `quillstone-wiki retired` lists the runs")
+            shutil.rmtree(self.files.retired_dir / run)
+        return len(texts)

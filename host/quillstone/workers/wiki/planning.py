@@ -1,25 +1,27 @@
 """The plan of record: one page for each folder of sources, where replans have put it since."""
 
-from __future__ import annotations
-
 import hashlib
 import re
+from bisect import bisect
+from collections import Counter
 from collections.abc import Iterable, Iterator, Mapping
+from itertools import groupby
 from pathlib import Path
-from typing import TypedDict
+from typing import Any, TypedDict
 
 from quillstone.workers.wiki.authoring import folder_title
 from quillstone.workers.wiki_types import PagePlan
 
 ROOT_PAGE = "root"
-LONGEST_ID = 200 - len(".md")  # bytes; tools put marks of their own beside a file's name
+LONGEST_ID = 190  # bytes; a page id may be ten bytes longer
 
 
-class Placement(TypedDict):
-    """Where a replan put a folder: its page (None: dropped), and whether as a part of another folder's page."""
+class Placement(TypedDict, total=False):
+    """Where a replan put a folder: on which page (None: dropped), as a part of another's or not, and from which."""
 
     page: str | None
     merged: bool
+    was: str
 
 
 def folder_page_id(folder: str) -> str:
@@ -36,29 +38,35 @@ def folder_page_id(folder: str) -> str:
     return page_id.encode()[: LONGEST_ID - len(tail)].decode("utf-8", "ignore") + tail
 
 
-def plan_pages(root: Path, source_paths: Iterable[str], placements: Mapping[str, Placement]) -> list[PagePlan]:
-    """Plan the pages of a tree over its indexed source files.
+def plan_pages(
+    root: Path, source_paths: Iterable[str], placements: Mapping[str, Placement], taken: Iterable[str] = ()
+) -> list[PagePlan]:
+    """Plan the pages of a tree over its indexed source files, given relative to `root`.
 
-    Args:
-        source_paths: the files, relative to `root`.
-        placements: what replans did, by the page id that a folder has by itself.
+    `placements` says what replans did, by the page id that a folder has by itself. A folder whose id is `taken`, by a
+    note for example, gets another. A page that no folder gives a title has "".
     """
-    files: dict[str, list[str]] = {}
-    for path in sorted(source_paths):
-        files.setdefault(folder_of(path), []).append(path)
+    paths = sorted(source_paths)
+    files = {folder: [*within] for folder, within in groupby(sorted(paths, key=folder_of), folder_of)}
+    # The name that a page was given by a replan is not that of a folder that comes later.
+    names = {place["page"] for own_id, place in placements.items() if not place["merged"] and place["page"] != own_id}
+    names.update(taken)
     pages: dict[str, PagePlan] = {}
     page_of: dict[str, PagePlan] = {}
     for folder in planned_folders(files):
-        own_id = folder_page_id(folder)
-        placement = placements.get(own_id) or Placement(page=own_id, merged=False)
-        if placement["page"] is None:
-            continue
-        page = page_of[folder] = pages.setdefault(placement["page"], PagePlan(placement["page"], placement["page"]))
-        page.source_files += files.get(folder, [])
-        if not placement["merged"]:
+        own_id = free_id = folder_page_id(folder)
+        while free_id in names:
+            free_id += "%"
+        place = placements.get(own_id) or Placement(page=free_id, merged=False)
+        if place["page"] is not None:
+            page = page_of[folder] = pages.setdefault(place["page"], PagePlan(place["page"], ""))
+            page.source_files += files.get(folder, [])
             page.folders.append(folder)
-            page.title = folder_title(root, folder)
+            if not place["merged"]:
+                page.title = page.title or folder_title(root, folder)
+                page.own_folders.append(folder)
     for folder, page in page_of.items():
+        page.judged_files = page.source_files or [path for below in page.folders for path in _below(paths, below)]
         _relate(folder, page, page_of)
     return list(pages.values())
 
@@ -73,10 +81,30 @@ def planned_folders(folders: Iterable[str]) -> list[str]:
     return sorted({ancestor for folder in folders for ancestor in (folder, *_ancestors(folder))})
 
 
+def moved_folders(gone: Iterable[Mapping[str, Any]], indexed: Iterable[Mapping[str, Any]]) -> dict[str, str]:
+    """Find the one folder below which each folder's files stand now, from the records of files gone and there."""
+    places: dict[str, list[str]] = {}
+    for record in indexed:
+        places.setdefault(record["digest"], []).append(record["path"])
+    targets: dict[str, Counter[str]] = {}
+    for record in gone:
+        old = record["path"] if record["size"] else ""  # empty files are all alike
+        for new in places.get(record["digest"], ()) if old else ():
+            before, after = old, new
+            while before != after and before.rpartition("/")[2] == after.rpartition("/")[2]:
+                before, after = folder_of(before), folder_of(after)
+                targets.setdefault(before, Counter())[after] += 1
+    return {folder: max(sorted(found), key=found.__getitem__) for folder, found in targets.items()}
+
+
+def _below(paths: list[str], folder: str) -> list[str]:
+    return paths[bisect(paths, f"{folder}/") : bisect(paths, f"{folder}0")] if folder else paths  # "0" follows "/"
+
+
 def _relate(folder: str, page: PagePlan, page_of: Mapping[str, PagePlan]) -> None:
-    # A page is listed by the one above it and by all further up that own no files, which are judged by those below.
+    # A page is listed by the one above it, and by all further up that own no files.
     above = [page_of[ancestor] for ancestor in _ancestors(folder) if page_of.get(ancestor, page) is not page]
-    if above and folder in page.folders:
+    if above and folder in page.own_folders:
         page.parent = above[0].page_id
     for head in above:
         if (head is above[0] or not head.source_files) and page.page_id not in head.related_pages:

@@ -1,35 +1,26 @@
 """Replans as people write them, and what became of every page when one was applied or rehearsed."""
 
-from __future__ import annotations
-
-import json
 import logging
-import shutil
-import tempfile
 from collections import Counter
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any
+
+import msgspec
 
 from quillstone.errors import ReplanError
 from quillstone.storage.repository import check_page_id
-from quillstone.workers.wiki.generator import WikiGenerator
-from quillstone.workers.wiki.replan_carry import ReplanRemap, lineages
-from quillstone.workers.wiki.workspace import Rows
-from quillstone.workers.wiki_types import NOTE_LEVEL
-
-PRUNE_LOGGER = "quillstone.workers.wiki.page_retirement"
+from quillstone.workers.wiki.generator import RunOutcome, WikiGenerator
+from quillstone.workers.wiki.replan_carry import ReplanRemap
+from quillstone.workers.wiki_types import NOTE_LEVEL, Rows
 
 
-@dataclass
-class Replan:
+class Replan(msgspec.Struct, forbid_unknown_fields=True):
     """What is to become of pages: `merge` maps a successor to the pages that go into it, `rename` old ids to new."""
 
-    merge: dict[str, list[str]] = field(default_factory=dict)
-    rename: dict[str, str] = field(default_factory=dict)
-    drop: list[str] = field(default_factory=list)
+    merge: dict[str, list[str]] = {}
+    rename: dict[str, str] = {}
+    drop: list[str] = []
 
     @property
     def retired(self) -> list[str]:
@@ -38,176 +29,126 @@ class Replan:
 
     @property
     def remap(self) -> ReplanRemap:
-        """The seeds and merges for `WikiGenerator.apply_replan`."""
+        """The seeds and merges for the prune."""
         return ReplanRemap({new: old for old, new in self.rename.items()}, self.merge)
 
-    def holder(self, page_id: str) -> str:
+    def holder(self, page_id: str) -> str | None:
         """Where the page's prose ends up: the page at the end of its merges and its renaming, itself in a circle."""
         targets = {merged: successor for successor, pages in self.merge.items() for merged in pages} | self.rename
         passed: set[str] = set()
-        holder = page_id
-        while holder in targets and holder not in passed:
-            passed.add(holder)
-            holder = targets[holder]
-        return holder
+        while page_id in targets and page_id not in passed:
+            passed.add(page_id)
+            page_id = targets[page_id]
+        return None if page_id in self.drop else page_id
 
     def plan_ids(self, planned: set[str]) -> set[str]:
         """The page ids of the plan after the replan, from those before it."""
-        return (planned | self.merge.keys() | set(self.rename.values())) - set(self.retired)
+        return (planned | self.merge.keys() | set(self.rename.values())).difference(self.retired)
 
 
-@dataclass
-class ReplanOutcome:
-    """What became of every page of a branch, by page id."""
+class ReplanOutcome(msgspec.Struct):
+    """What became of every page: ids of those that stay and go, `seeded` new to old ones, `merged` old ones to holders.
 
-    kept: list[str] = field(default_factory=list)
-    seeded: dict[str, str] = field(default_factory=dict)
-    """new page to the page that it continues"""
-    merged: dict[str, str] = field(default_factory=dict)
-    """deleted page to the page that holds its prose now"""
-    index_behind: list[str] = field(default_factory=list)
-    dropped: list[str] = field(default_factory=list)
-    notes_retired: list[str] = field(default_factory=list)
-    notes_kept: list[str] = field(default_factory=list)
-    files_without_rows: list[str] = field(default_factory=list)
-    """page files that belong to no stored page"""
-    warnings: list[str] = field(default_factory=list)
-    deleted: int = 0
-    seconds: float = 0.0
+    `was_applied` says that the same replan was applied before and nothing was left to do.
+    """
+
+    kept: list[str] = []
+    seeded: dict[str, str] = {}
+    merged: dict[str, str] = {}
+    index_behind: list[str] = []
+    dropped: list[str] = []
+    notes_retired: list[str] = []
+    notes_kept: list[str] = []
+    was_applied: bool = False
+    run: RunOutcome = msgspec.field(default_factory=RunOutcome)
 
 
 def read_replan(path: Path) -> Replan:
     """Read a replan file: a JSON object with any of "merge", "rename" and "drop". Raises `ReplanError`."""
     try:
-        document = json.loads(path.read_text("utf-8"))
+        return msgspec.json.decode(path.read_bytes(), type=Replan)
     except OSError as error:
         raise ReplanError(f"cannot read the replan {str(path)!r} ({error.strerror}); give a JSON file") from error
     except (ValueError, RecursionError) as error:
-        raise ReplanError(f"replan {str(path)!r} is no JSON ({error}); correct the file") from error
-    if not isinstance(document, dict) or document.keys() - {"merge", "rename", "drop"}:
-        raise ReplanError(f'replan {str(path)!r} must be an object with "merge", "rename" and "drop" only')
-    merge, rename, drop = document.get("merge", {}), document.get("rename", {}), document.get("drop", [])
-    if not isinstance(merge, dict) or not all(_is_ids(pages) for pages in merge.values()):
-        raise ReplanError('"merge" must map each successor to a list of page ids')
-    if not isinstance(rename, dict) or not _is_ids(list(rename.values())):
-        raise ReplanError('"rename" must map old page ids to new ones')
-    if not _is_ids(drop):
-        raise ReplanError('"drop" must be a list of page ids')
-    return Replan(merge, rename, drop)
+        raise ReplanError(f"{str(path)!r} is not a replan ({error}); correct the file") from error
 
 
-def _is_ids(value: Any) -> bool:
-    return isinstance(value, list) and all(isinstance(page_id, str) for page_id in value)
-
-
-def check_replan(replan: Replan, rows: Rows, planned: set[str]) -> None:
-    """Raise `ReplanError` or `PageIdError` when the replan does not fit the stored pages and the plan before it."""
-    retired = replan.retired
-    new_ids = Counter(replan.rename.values())
+def check_replan(replan: Replan, rows: Rows) -> None:
+    """Raise `ReplanError` or `PageIdError` when the replan does not fit the stored pages."""
+    times, new_ids = Counter(replan.retired), Counter(replan.rename.values())
+    named = [*times, *replan.merge]
+    problems = {
+        "is not stored; `quillstone-wiki show` lists the pages": times.keys() - rows.keys(),
+        "is a note and in no plan; delete its file to retire it": {
+            page for page in named if rows.get(page, {}).get("level") == NOTE_LEVEL
+        },
+        "is named twice; name it once in merge, rename or drop": {page for page in times if times[page] > 1},
+        "would be merged into itself; break the circle": {page for page in times if replan.holder(page) == page},
+        "is taken, so no page can get its name; merge into it instead": {
+            page for page in new_ids if page in rows or new_ids[page] > 1
+        },
+        "takes merged pages but goes away itself; merge into one that stays": replan.merge.keys()
+        & {*replan.rename, *replan.drop},
+        "takes merged pages and is not stored; rename one of them to it first": replan.merge.keys()
+        - rows.keys()
+        - new_ids.keys(),
+    }
     for page_id in [*replan.merge, *new_ids]:
         check_page_id(page_id)
-    for page_id, times in Counter(retired).items():
-        if page_id not in rows:
-            raise ReplanError(f"no page {page_id!r} is stored; `quillstone-wiki show` lists the pages")
-        if times > 1:
-            raise ReplanError(f"page {page_id!r} is retired twice; name it once in merge, rename or drop")
-    for page_id in [*retired, *replan.merge]:
-        if rows.get(page_id, {}).get("level") == NOTE_LEVEL:
-            raise ReplanError(f"{page_id!r} is a note and in no plan; delete its file to retire it")
-    for new_id, times in new_ids.items():
-        if new_id in rows or times > 1:
-            raise ReplanError(f"cannot rename to {new_id!r}, which is taken; merge into it instead")
-    for successor in replan.merge:
-        if successor in replan.rename or successor in replan.drop:
-            raise ReplanError(f"page {successor!r} takes merged pages but goes away itself; merge into one that stays")
-        if successor not in rows and successor not in new_ids:
-            raise ReplanError(f"no page {successor!r} to merge into is stored; rename one of the pages to it first")
-    for page_id in set(retired).difference(replan.drop):
-        if page_id == replan.holder(page_id):
-            raise ReplanError(f"page {page_id!r} would be merged into itself; break the circle")
-    for successor, pages in lineages(replan.remap).items():
-        if planned.isdisjoint((successor, *pages)):
-            raise ReplanError(
-                f"page {successor!r} would be of no folder that is indexed, so the next build would delete it; "
-                "rename or merge into the page of a folder that is"
-            )
+    for problem, pages in problems.items():
+        if pages:
+            raise ReplanError(f"page {min(pages)!r} {problem}")
 
 
-def checked_plan(generator: WikiGenerator, replan: Replan) -> set[str]:
-    """The page ids of the plan after a replan that fits the wiki; raises what `check_replan` raises."""
-    planned = {plan.page_id for plan in generator.plan()}
-    check_replan(replan, generator.stored_pages(), planned)
-    return replan.plan_ids(planned)
-
-
-def run_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set[str]) -> ReplanOutcome:
-    """Apply a remap and say what became of every page; raises what `WikiGenerator.apply_replan` raises."""
-    outcome = ReplanOutcome()
-    with generator.lock.held():
-        before = generator.stored_pages()
-        with captured_warnings(outcome.warnings):
-            outcome.deleted = generator.apply_replan(remap, plan_ids)
-        outcome.seconds = generator.prune_seconds
-        after = generator.stored_pages()
-        outcome.files_without_rows = generator.files_without_rows()
-    _sort_pages(outcome, before, after, remap, plan_ids)
+def run_replan(generator: WikiGenerator, replan: Replan, dry: bool = False) -> ReplanOutcome:
+    """Apply a replan, unless it was the last one applied, or find what it would do; raises `HostError`."""
+    outcome = generator.in_run("apply", lambda: _apply(generator, replan), dry)
+    outcome.run = generator.outcome
     return outcome
 
 
-def preview_replan(generator: WikiGenerator, remap: Mapping[str, str], plan_ids: set[str]) -> ReplanOutcome:
-    """Run the same over a copy of the wiki's files and undo every row change; gives what would become of the pages."""
-    wiki_dir = generator.pages_dir.parent
-    with generator.lock.held(), tempfile.TemporaryDirectory() as copy, generator.repository.db.rehearsal():
-        for name in ("pages", "notes"):
-            if (wiki_dir / name).is_dir():
-                shutil.copytree(wiki_dir / name, Path(copy) / name, ignore=_no_content(wiki_dir.resolve()))
-        rehearsed = WikiGenerator(generator.repository, generator.repo_root, generator.branch, Path(copy))
-        return run_replan(rehearsed, remap, plan_ids)
-
-
-def _no_content(wiki_dir: Path) -> Callable[[str, list[str]], list[str]]:
-    # Links that lead nowhere, pipes and the like: pages without a file, as a replan sees them. Nor is a folder copied
-    # that leads back into the wiki: links of that kind multiply.
-    def is_page_or_folder(path: Path) -> bool:
-        if path.is_symlink() and path.is_dir():
-            target = path.resolve()
-            return wiki_dir != target and wiki_dir not in target.parents and target not in wiki_dir.parents
-        return path.is_file() or path.is_dir()
-
-    return lambda folder, names: [name for name in names if not is_page_or_folder(Path(folder, name))]
-
-
-def _sort_pages(
-    outcome: ReplanOutcome, before: Rows, after: Rows, remap: Mapping[str, str], plan_ids: set[str]
-) -> None:
-    holders = {
-        page_id: successor for successor, pages in lineages(remap).items() if successor in plan_ids for page_id in pages
-    }
-    outcome.seeded = {page_id: remap[page_id] for page_id in sorted(after.keys() - before.keys()) if page_id in remap}
-    for page_id in sorted(before):
-        is_note = before[page_id].get("level") == NOTE_LEVEL
+def _apply(generator: WikiGenerator, replan: Replan) -> ReplanOutcome:
+    generator.continue_moved_pages()
+    before, document = generator.stored_pages(), msgspec.to_builtins(replan)
+    is_last = generator.repository.get_fact(generator.branch, "last replan") == document
+    outcome = ReplanOutcome(was_applied=is_last and bool(replan.retired) and before.keys().isdisjoint(replan.retired))
+    if outcome.was_applied:
+        replan = Replan()
+    for page_id in generator.outcome.moved.keys() & {*replan.retired}:
+        raise ReplanError(f"the folder of page {page_id!r} moved: name the page {generator.outcome.moved[page_id]!r}")
+    check_replan(replan, before)
+    indexed = generator._indexed_paths()
+    with unlogged():
+        for page_id in replan.retired:  # the prune would keep it, with the rest of the replan done
+            behind = generator._retired_only_because_the_index_is_behind(page_id, before[page_id], indexed, before)
+            if behind or not indexed:
+                raise ReplanError(f"the index lacks the sources of page {page_id!r}; run `quillstone-wiki index TREE`")
+    plan_ids = replan.plan_ids({plan.page_id for plan in generator.plan(before)})
+    generator.repository.put_fact(generator.branch, "last replan", document)
+    generator.place_folders(replan.retired, replan.holder, {page for pages in replan.merge.values() for page in pages})
+    generator._apply_replan_to_store(replan.remap, plan_ids)
+    after = generator.stored_pages()
+    outcome.seeded = {new: old for old, new in replan.rename.items() if new in after}
+    for page_id, row in before.items():
+        is_note, holder = row["level"] == NOTE_LEVEL, replan.holder(page_id)
         if page_id in after:
             stays = outcome.notes_kept if is_note else outcome.kept if page_id in plan_ids else outcome.index_behind
             stays.append(page_id)
         elif is_note:
             outcome.notes_retired.append(page_id)
-        elif page_id in holders:
-            if page_id not in outcome.seeded.values():
-                outcome.merged[page_id] = holders[page_id]
-        else:
+        elif holder in (page_id, None):
             outcome.dropped.append(page_id)
+        elif page_id not in replan.rename:
+            outcome.merged[page_id] = str(holder)
+    return outcome
 
 
 @contextmanager
-def captured_warnings(messages: list[str]) -> Iterator[None]:
-    """Add what a prune warns of inside the block to `messages`, and log nothing."""
-    handler = logging.Handler()
-    handler.emit = lambda record: messages.append(record.getMessage())  # type: ignore[method-assign]
-    logger = logging.getLogger(PRUNE_LOGGER)
-    propagated, logger.propagate = logger.propagate, False
-    logger.addHandler(handler)
+def unlogged() -> Iterator[None]:
+    """Let the prune's rules be asked without warnings of what they keep."""
+    logger = logging.getLogger("quillstone.workers.wiki.page_retirement")
+    was_disabled, logger.disabled = logger.disabled, True
     try:
         yield
     finally:
-        logger.removeHandler(handler)
-        logger.propagate = propagated
+        logger.disabled = was_disabled

@@ -8,50 +8,36 @@ A block is a run of whole lines between two marker lines that repeat a digest of
     its prose, as it was
     <!-- /carried 0123456789abcdef -->
 
-A block whose content no longer has that digest was edited by a person: it is prose like any other. So a block
-recognises itself whatever text surrounds it, and nothing that somebody wrote is ever taken for generated text.
-
-Page files are read with universal newlines; so prose gets "\\n" line ends when it becomes a section, or the section
-would not be recognised after its way through a file.
+A block whose content no longer has that digest was edited by a person: what they wrote in it is prose like any other.
+So a block recognises itself whatever text surrounds it, and nothing that somebody wrote is taken for generated text.
+The first marker of a generated block also has the digest of the title line that was generated above it. Page files are
+read with universal newlines; so prose gets "\\n" line ends when it becomes a section, to be recognised in them.
 """
-
-from __future__ import annotations
 
 import hashlib
 import re
-from collections.abc import Iterable, Iterator, Mapping, Sequence
-from typing import Any
+from collections import Counter
+from collections.abc import Iterable, Mapping, Sequence
+from itertools import dropwhile
+from typing import Any, NamedTuple
 
 CARRIED = "carried"
 GENERATED = "generated"
 TEXT = "text"
 
-_MARKER = re.compile(rf"<!-- (/?)({CARRIED}|{GENERATED}) ([0-9a-f]{{16}}) -->")
+_MARKER = re.compile(rf"^<!-- (/?)({CARRIED}|{GENERATED}) ([0-9a-f]{{16}})(?: ([0-9a-f]{{16}}))? -->$", re.MULTILINE)
+Piece = tuple[str, str]  # the kind of a block and its lines with both markers, or TEXT and what is between blocks
 
 
-class ReplanRemap(Mapping[str, str]):
-    """A remap from each successor to its seed, with the pages merged into successors beside it.
+class ReplanRemap(dict[str, str]):
+    """A remap from each new page to the stored one that it continues, with merges beside it.
 
-    Args:
-        seeds: the page id of each new page to that of the stored page that it continues.
-        merged: each successor's page id to the ids of the pages merged into it, in the order of their prose.
+    `merged` maps each successor's page id to the ids of the pages merged into it, in the order of their prose.
     """
 
     def __init__(self, seeds: Mapping[str, str], merged: Mapping[str, Sequence[str]]) -> None:
-        self._seeds = dict(seeds)
-        self.merged: dict[str, list[str]] = {successor: list(ids) for successor, ids in merged.items()}
-
-    def __getitem__(self, successor: str) -> str:
-        return self._seeds[successor]
-
-    def __iter__(self) -> Iterator[str]:
-        return iter(self._seeds)
-
-    def __len__(self) -> int:
-        return len(self._seeds)
-
-    def __repr__(self) -> str:
-        return f"ReplanRemap({self._seeds!r}, {self.merged!r})"
+        super().__init__(seeds)
+        self.merged = {successor: list(ids) for successor, ids in merged.items()}
 
 
 def lineages(remap: Mapping[str, str]) -> dict[str, list[str]]:
@@ -59,52 +45,55 @@ def lineages(remap: Mapping[str, str]) -> dict[str, list[str]]:
     sources: dict[str, list[str]] = {successor: [seed] for successor, seed in remap.items()}
     for successor, merged in getattr(remap, "merged", {}).items():
         sources.setdefault(successor, []).extend(merged)
-    return {successor: _ancestors(successor, sources) for successor in sources}
 
+    def origins(successor: str) -> list[str]:
+        found: dict[str, None] = {}
+        waiting = sources[successor][::-1]
+        while waiting:
+            page_id = waiting.pop()
+            if page_id != successor and page_id not in found:
+                found[page_id] = None
+                waiting.extend(sources.get(page_id, ())[::-1])
+        return [*found]
 
-def _ancestors(successor: str, sources: Mapping[str, Sequence[str]]) -> list[str]:
-    found: dict[str, None] = {}
-    waiting = list(reversed(sources[successor]))
-    while waiting:
-        page_id = waiting.pop()
-        if page_id != successor and page_id not in found:
-            found[page_id] = None
-            waiting.extend(reversed(sources.get(page_id, ())))
-    return list(found)
+    return {successor: origins(successor) for successor in sources}
 
 
 def merged_predecessors(remap: Mapping[str, str]) -> dict[str, list[str]]:
     """Map each successor to the pages whose prose goes into it, in that order; the result is the caller's to change.
 
-    With A merged into B and B into C, C lists A too: B's file is read before A's prose reaches it, and then deleted.
-    A successor's own seed is listed only where `merged` names it, since its text is what the successor starts from.
-    A plain mapping serves as a remap that merges nothing.
+    With A merged into B and B into C, C lists A too: B's file is read before A's prose reaches it, and then deleted. A
+    successor's own seed is listed only where `merged` names it, since its text is what the successor starts from.
     """
     named = getattr(remap, "merged", {})
-    predecessors = lineages(remap)
-    for successor, seed in remap.items():
-        if seed in predecessors[successor] and seed not in named.get(successor, ()):
-            predecessors[successor].remove(seed)
-    return {successor: page_ids for successor, page_ids in predecessors.items() if page_ids}
+    predecessors = {
+        successor: [page for page in pages if page != remap.get(successor) or page in named.get(successor, ())]
+        for successor, pages in lineages(remap).items()
+    }
+    return {successor: pages for successor, pages in predecessors.items() if pages}
 
 
 def cached_prose(row: Mapping[str, Any]) -> str:
     """The prose that a page row's build cache holds; "" where there is none."""
+    return _cached(row, "prose")
+
+
+def _cached(row: Mapping[str, Any], name: str) -> str:
     cache = row.get("build_cache")
-    prose = cache.get("prose") if isinstance(cache, dict) else None
-    return prose if isinstance(prose, str) else ""
+    value = cache.get(name) if isinstance(cache, dict) else None
+    return value if isinstance(value, str) else ""
 
 
 def carried_sections(pages: Iterable[tuple[str, str]]) -> list[str]:
     """Build the sections of merged pages from pairs of title and prose.
 
-    Each page's own prose makes one section, and each section that its prose already held follows unchanged: sections
-    never nest. Blank prose makes none. The same section twice is one.
+    Each page's own prose makes one section, and each section that its prose already held follows unchanged. Blank prose
+    makes none. The same section twice is one, and one that somebody pasted another into is prose like any other.
     """
     sections: dict[str, None] = {}
     for title, prose in pages:
         own, held = split_carried(prose.replace("\r\n", "\n").replace("\r", "\n"))
-        if own.strip():
+        if not is_blank(own):
             sections[make_block(CARRIED, f"## {' '.join(title.split())}\n\n{own}")] = None
         sections.update(dict.fromkeys(held))
     return list(sections)
@@ -112,10 +101,8 @@ def carried_sections(pages: Iterable[tuple[str, str]]) -> list[str]:
 
 def with_carried(text: str, sections: Sequence[str]) -> str:
     """Append, in order, the sections that the text does not hold yet; with none to append, return it unchanged."""
-    _, held = split_carried(text)
-    missing = dict.fromkeys(sections)
-    for section in held:
-        missing.pop(section, None)
+    held = set(split_carried(text)[1])
+    missing = [section for section in dict.fromkeys(sections) if section not in held]
     if not missing:
         return text
     base = text.rstrip("\n")
@@ -123,28 +110,63 @@ def with_carried(text: str, sections: Sequence[str]) -> str:
 
 
 def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
-    """A page's authored prose: its file's text without the generated block and the title line right above that.
+    """A page's authored prose: its file's text without what was generated, the sections that it holds in place.
 
-    Args:
-        text: the page file's text; where that is None or blank, the cached prose stands for it. Where it holds carried
-            sections alone, which a replan that failed may have left in a blank file, they follow the cached prose.
-        row: the page row; a title line is the page's own only as the row spells it.
+    Cached prose stands for a text that is None or blank. A title that a person gave is prose unless the row has it.
     """
-    if text is None or is_blank(text):
-        return cached_prose(row)
-    title_line = page_title_line(row.get("title") or row.get("page_id") or "")
-    pieces: list[str] = []
-    generated = False
-    for kind, piece in _pieces(text):
-        if kind != GENERATED or generated:  # a second one was pasted
-            pieces.append(piece)
-            continue
-        generated = True
-        if pieces and pieces[-1].rstrip("\n").rpartition("\n")[2] == title_line:
-            pieces.append(pieces.pop().rstrip("\n").removesuffix(title_line))
-    prose, cached = join_prose(pieces), cached_prose(row)
-    own, sections = split_carried(prose)
-    return with_carried(cached, sections).strip("\n") if sections and cached and is_blank(own) else prose
+    page = read_page(cached_prose(row) if text is None or is_blank(text) else text, row)
+    is_new = page.title and page.title != row.get("title")
+    return join_prose([f"# {page.title}" if is_new else "", page.prose])
+
+
+class PageText(NamedTuple):
+    """What people wrote on a page: a title if it is not the generated one, and prose, with sections in their places."""
+
+    title: str | None
+    prose: str
+
+
+def read_page(text: str, row: Mapping[str, Any], generated: str = "") -> PageText:
+    """Take a page file's text apart.
+
+    In a generated block that a person edited, all lines are theirs but those that the row's cache or `generated` has.
+    """
+    pieces = split_blocks(text.lstrip("\ufeff"))
+    marks = [
+        mark for kind, piece in pieces if kind != CARRIED for mark in _MARKER.finditer(piece) if mark[2] == GENERATED
+    ]
+    mark = next((mark for mark in _MARKER.finditer(pieces[0][1]) if mark[2] == GENERATED), None)
+    above = pieces[0][1][: mark.start() if mark else None].split("\n")
+    titles = [line for line in above if line.startswith("# ") and text_digest(line) in {mark[4] for mark in marks}]
+    first = next((line for line in above if line.strip()), "")
+    heading = titles[0] if titles else first if first.startswith("# ") else ""
+    if heading:
+        lines = pieces[0][1].split("\n")
+        lines.remove(heading)
+        pieces[0] = TEXT, "\n".join(lines)
+    # A block that is whole below one that was edited is another page's, which somebody pasted.
+    block = next((number for number, (kind, _) in enumerate(pieces) if kind == GENERATED and not mark), None)
+    if block is not None:
+        del pieces[block]
+    prose = join_prose(piece for _, piece in pieces)
+    if block is None and marks:  # somebody edited the block
+        prose = _without_generated(prose, _cached(row, GENERATED).split("\n"), generated.split("\n"))
+    return PageText(None if titles else " ".join(heading[2:].split()) or None, prose)
+
+
+def _without_generated(text: str, cached: list[str], generated: list[str]) -> str:
+    marks = [mark for mark in _MARKER.finditer(text) if mark[2] == GENERATED]
+    start, end = marks[0].start(), marks[-1].end()
+    if len(marks) > 1:  # between them each generated line goes once, and what is left is a person's
+        known = Counter(cached) | Counter(generated) | Counter(mark[0] for mark in marks)
+        left = [line for line in text[start:end].split("\n") if not line or known[line] < 1 or known.subtract([line])]
+        return join_prose([text[:start], re.sub("\n{3,}", "\n\n", "\n".join(left)), text[end:]])
+    # Next to one that is alone, only generated lines in their order without a gap: better too few than a person's.
+    step = -1 if marks[0][1] else 1
+    lines = (text[:start] if marks[0][1] else text[end:]).split("\n")[::step]
+    expected = iter((cached if any(cached) else generated)[::step])
+    left = [*dropwhile(lambda line: not line or line in expected, lines)][::step]
+    return join_prose(["\n".join(left), text[end:]] if marks[0][1] else [text[:start], "\n".join(left)])
 
 
 def is_blank(text: str) -> bool:
@@ -159,15 +181,15 @@ def page_title_line(title: str) -> str:
 
 def split_carried(text: str) -> tuple[str, list[str]]:
     """Part a text into the prose of its own and the carried sections that it holds, in their order."""
-    own: list[str] = []
-    held: list[str] = []
-    for kind, piece in _pieces(text):
-        (held if kind == CARRIED else own).append(piece)
-    if not held:
-        return join_prose(own), []
-    # A section that somebody pasted another into is whole again without it.
-    rest, more = split_carried(join_prose(own))
-    return rest, held + more
+    pieces = split_blocks(text)
+    return join_prose(piece for kind, piece in pieces if kind != CARRIED), [
+        piece for kind, piece in pieces if kind == CARRIED
+    ]
+
+
+def section_prose(section: str) -> str:
+    """The prose of a carried section, without its markers and its title."""
+    return "\n".join(section.split("\n")[3:-1])
 
 
 def join_prose(pieces: Iterable[str]) -> str:
@@ -175,10 +197,11 @@ def join_prose(pieces: Iterable[str]) -> str:
     return "\n\n".join(piece for piece in (piece.strip("\n") for piece in pieces) if piece)
 
 
-def make_block(kind: str, content: str) -> str:
-    """Put the content between marker lines that carry its digest."""
+def make_block(kind: str, content: str, heading: str = "") -> str:
+    """Put the content between marker lines that carry its digest, and that of the title line above it if given."""
     digest = text_digest(content)
-    return f"<!-- {kind} {digest} -->\n{content}\n<!-- /{kind} {digest} -->"
+    above = f" {text_digest(heading)}" if heading else ""
+    return f"<!-- {kind} {digest}{above} -->\n{content}\n<!-- /{kind} {digest} -->"
 
 
 def without_blocks(text: str) -> str:
@@ -193,34 +216,21 @@ def text_digest(text: str) -> str:
     return hashlib.sha256(text.encode("utf-8", "surrogatepass")).hexdigest()[:16]
 
 
-def _pieces(text: str) -> Iterator[tuple[str, str]]:
-    # The text in its order, as (kind, piece): intact blocks, and TEXT for all that stands between them.
+def split_blocks(text: str) -> list[Piece]:
+    """The text in its order: intact blocks, which do not nest, and what stands before, between and after them."""
     lines = text.split("\n")
-    start = 0
-    for first, last, kind in _intact_blocks(lines):
-        yield TEXT, "\n".join(lines[start:first])
-        yield kind, "\n".join(lines[first : last + 1])
-        start = last + 1
-    yield TEXT, "\n".join(lines[start:])
-
-
-def _intact_blocks(lines: Sequence[str]) -> list[tuple[int, int, str]]:
-    # A block cannot hold its own digest, so the nearest begin marker with the digest is the only candidate.
     begun: dict[tuple[str, str], int] = {}
-    found: list[tuple[int, int, str]] = []
+    blocks: dict[int, Piece] = {}
     for number, line in enumerate(lines):
-        marker = _MARKER.fullmatch(line)
-        if not marker:
-            continue
-        slash, kind, digest = marker.groups()
-        if not slash:
-            begun[kind, digest] = number
-            continue
-        first = begun.pop((kind, digest), None)
-        if first is not None and text_digest("\n".join(lines[first + 1 : number])) == digest:
-            found.append((first, number, kind))
-    outermost: list[tuple[int, int, str]] = []
-    for block in sorted(found):
-        if not outermost or block[0] > outermost[-1][1]:
-            outermost.append(block)
-    return outermost
+        if marker := _MARKER.fullmatch(line):
+            first = begun.pop((marker[2], marker[3]), None)
+            if not marker[1]:
+                begun[marker[2], marker[3]] = number
+            elif first is not None and text_digest("\n".join(lines[first + 1 : number])) == marker[3]:
+                blocks[first] = marker[2], "\n".join(lines[first : number + 1])
+    pieces, end = [], 0
+    for first, (kind, block) in sorted(blocks.items()):
+        if first >= end:
+            pieces += [(TEXT, "\n".join(lines[end:first])), (kind, block)]
+            end = first + block.count("\n") + 1
+    return [*pieces, (TEXT, "\n".join(lines[end:]))]

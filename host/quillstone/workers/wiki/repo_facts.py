@@ -1,13 +1,13 @@
 """Facts about paths of the repository, and the writer of page files."""
 
-from __future__ import annotations
-
-import contextlib
 import os
 import posixpath
 import secrets
 import stat
+from contextlib import suppress
 from pathlib import Path
+
+TEMPORARY = ".page-"
 
 
 def _norm(path: str) -> str:
@@ -26,36 +26,32 @@ def _atomic_write(path: Path, text: str) -> None:
     created. Raises `UnicodeEncodeError` for a lone surrogate and `OSError`; the file is then as it was.
     """
     content = text.encode("utf-8")
+    if run := getattr(getattr(path, "files", None), "run", None):  # which sets aside what it replaces
+        run.replace(path, content)
+    else:
+        write_durably(path, content, like=path)
+
+
+def write_durably(path: Path, content: bytes, like: Path) -> None:
+    """Make the file whole and on the disk, in one step, with the permission bits of `like` where that exists."""
     path.parent.mkdir(parents=True, exist_ok=True)
-    temporary = path.parent / f".page-{secrets.token_hex(8)}.tmp"
-    descriptor = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o666)
+    temporary = path.with_name(f"{TEMPORARY}{secrets.token_hex(8)}")
     try:
-        with os.fdopen(descriptor, "wb") as stream:
-            with contextlib.suppress(FileNotFoundError):
-                os.fchmod(descriptor, stat.S_IMODE(path.stat().st_mode))
+        with open(temporary, "xb") as stream:  # noqa: PTH123
+            with suppress(FileNotFoundError):
+                os.fchmod(stream.fileno(), stat.S_IMODE(like.stat().st_mode))
             stream.write(content)
             stream.flush()
-            os.fsync(descriptor)
-        temporary.replace(path)
-    except BaseException:
-        temporary.unlink(missing_ok=True)
-        raise
-    _fsync_folder(path.parent)
+            os.fsync(stream.fileno())
+        os.replace(temporary, path)  # noqa: PTH105
+    finally:
+        with suppress(FileNotFoundError):
+            os.unlink(temporary)  # noqa: PTH108
+    sync_folder(path.parent)
 
 
-def sweep_temporary_files(folder: Path) -> None:
-    """Remove what page writers that were killed left in the folder and below it, as far as that is possible.
-
-    For whoever keeps all other writers out.
-    """
-    with contextlib.suppress(OSError):
-        for leftover in folder.rglob(f".page-{'[0-9a-f]' * 16}.tmp"):
-            with contextlib.suppress(OSError):
-                leftover.unlink()
-
-
-def _fsync_folder(folder: Path) -> None:
-    # The new name survives a power cut only once its folder is on the disk too.
+def sync_folder(folder: Path) -> None:
+    """Bring the names in a folder to the disk: a new one survives a power cut only from then on."""
     descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
     try:
         os.fsync(descriptor)

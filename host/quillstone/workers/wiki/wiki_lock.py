@@ -1,115 +1,94 @@
 """One run at a time on a wiki: page files are read and written outside of any database transaction."""
 
-from __future__ import annotations
-
 import fcntl
-import io
 import logging
 import os
+import sys
 import time
-from collections.abc import Iterator
-from contextlib import ExitStack, contextmanager, suppress
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager, nullcontext, suppress
 from pathlib import Path
-from weakref import WeakSet
 
 from quillstone.errors import WikiBusyError
 
-LONGEST_WAIT = 3600.0
+LONGEST_WAIT = 3600.0  # seconds
 POLL_SECONDS = 0.02
+NAME_BYTES = 160
 
 _logger = logging.getLogger(__name__)
-_lock_files: WeakSet[io.FileIO] = WeakSet()
 
 
-def _close_inherited() -> None:
-    # A lock lasts until the last copy of its descriptor is closed: a child's must not outlive a killed parent.
-    for file in _lock_files:
-        file.close()
+def whoami() -> str:
+    """What others are told when they wait for this process."""
+    return f"process {os.getpid()} on {os.uname().nodename} ({' '.join(map(os.path.basename, sys.argv[:2]))})"
 
 
-os.register_at_fork(after_in_child=_close_inherited)
-
-
-def _note(file: io.FileIO, holder: bytes) -> None:
-    # For people to read: a full disk is no reason not to work, and what is no holder's number is not ours to empty.
-    with suppress(OSError):
-        if not os.pread(file.fileno(), 32, 0).strip(b"0123456789\n"):
-            file.truncate(0)
-            file.write(holder)
-
-
-def _open_no_link(path: str, flags: int) -> int:
-    return os.open(path, flags | os.O_NOFOLLOW, 0o666)
+def wait_for(take: Callable[[], bool], holder: Callable[[], str], what: str) -> None:
+    """Try to take something until that succeeds; tells once who has it, and raises `WikiBusyError` in the end."""
+    deadline, told = time.monotonic() + LONGEST_WAIT, False
+    while not take():
+        who = holder() or "another process"
+        if time.monotonic() >= deadline:
+            raise WikiBusyError(f"{who} works on {what} for over {LONGEST_WAIT:g} s; wait, or end it, then try again")
+        if not told:
+            _logger.warning("waiting for %s, which works on %s", who, what)
+        told = True
+        time.sleep(POLL_SECONDS)
 
 
 class WikiLock:
-    """Keeps other processes, forked children and other locks in this process out of a wiki folder.
+    """Keeps other processes, and other locks in this one, out of a wiki folder. It ends with its process.
 
-    May be held more than once, by one thread. The lock ends with its process, however that ends.
+    May be held more than once, by one thread.
     """
 
-    def __init__(self, wiki_dir: Path, longest_wait: float = LONGEST_WAIT) -> None:
-        """Make the lock of the wiki in `wiki_dir`, whose holder is waited for up to `longest_wait` seconds."""
-        self._path = wiki_dir / ".lock"
-        self._longest_wait = longest_wait
-        self._held: io.FileIO | None = None
+    def __init__(self, wiki_dir: Path) -> None:
+        """Make the lock of the wiki in `wiki_dir`."""
+        self._path, self._held = wiki_dir / ".lock", False
 
     @contextmanager
     def held(self) -> Iterator[None]:
         """Wait for the wiki, then keep it until the end of the block; raises `WikiBusyError` and `OSError`."""
-        if self._held and not self._held.closed:
+        if self._held:
             yield
             return
         self._path.parent.mkdir(parents=True, exist_ok=True)
-        with ExitStack() as opened:
-            file = None
-            while not file or not self._is_at_path(file):  # the file that is waited for may be deleted meanwhile
-                file = opened.enter_context(io.FileIO(str(self._path), "a+", opener=_open_no_link))
-                _lock_files.add(file)
-                self._wait_for(file)
+        with self._taken(os.O_RDWR | os.O_CREAT, fcntl.LOCK_EX) as file:
+            with suppress(OSError):  # for people to read; what has another name, too, is not ours to write into
+                if os.fstat(file).st_nlink == 1:
+                    os.pwrite(file, whoami().encode("ascii", "replace").ljust(NAME_BYTES)[:NAME_BYTES], 0)
             try:
-                self._held = file
-                _note(file, b"%d\n" % os.getpid())
+                self._held = True
                 yield
             finally:
-                if not file.closed:  # as it is in a child that was forked in the block
-                    _note(file, b"")
-                self._held = None
-        # Closing the file lets go of the lock.
+                self._held = False
 
     @contextmanager
     def shared(self) -> Iterator[None]:
         """Keep those out who change the wiki, and write nothing: where nobody ever held the lock, it is not taken."""
-        with ExitStack() as opened:
-            if self._path.exists():
-                self._wait_for(
-                    opened.enter_context(io.FileIO(str(self._path), "r", opener=_open_no_link)), fcntl.LOCK_SH
-                )
+        with self._taken(os.O_RDONLY, fcntl.LOCK_SH) if self._path.exists() else nullcontext():
             yield
 
-    def _is_at_path(self, file: io.FileIO) -> bool:
-        try:
-            return os.path.samestat(os.fstat(file.fileno()), self._path.stat())
-        except FileNotFoundError:
+    @contextmanager
+    def _taken(self, flags: int, kind: int) -> Iterator[int]:
+        opened: list[int] = []
+        holder = [""]
+
+        def take() -> bool:
+            opened.append(os.open(self._path, flags | os.O_NOFOLLOW | os.O_CLOEXEC, 0o666))
+            with suppress(BlockingIOError, FileNotFoundError):
+                fcntl.flock(opened[-1], kind | fcntl.LOCK_NB)
+                # The file that others wait for may be deleted meanwhile, and another made.
+                if os.path.samestat(os.fstat(opened[-1]), self._path.stat()):
+                    return True
+            holder[0] = os.pread(opened[-1], NAME_BYTES, 0).decode("ascii", "replace").strip()
+            os.close(opened.pop())
             return False
 
-    def _wait_for(self, file: io.FileIO, kind: int = fcntl.LOCK_EX) -> None:
-        deadline = time.monotonic() + max(self._longest_wait, 2 * POLL_SECONDS)
-        told, seen = False, b""
-        while True:
-            try:
-                return fcntl.flock(file, kind | fcntl.LOCK_NB)
-            except BlockingIOError:
-                written = os.pread(file.fileno(), 32, 0)
-            # What a killed process left stands there until the next holder has written: believe what stays.
-            holder = f"process {int(written)}" if written.strip().isdigit() and written == seen else ""
-            seen = written
-            if time.monotonic() >= deadline:
-                raise WikiBusyError(
-                    f"{holder or 'another process'} still works on the wiki {str(self._path.parent)!r} after "
-                    f"{self._longest_wait:g} s; wait for its end, or end it, and run the command again"
-                )
-            if holder and not told:
-                _logger.warning("waiting for %s, which works on the wiki %r", holder, str(self._path.parent))
-                told = True
-            time.sleep(POLL_SECONDS)
+        try:
+            wait_for(take, lambda: holder[0], f"the wiki {str(self._path.parent)!r}")
+            yield opened[-1]
+        finally:
+            for file in opened:
+                fcntl.flock(file, fcntl.LOCK_UN)  # a forked child may have a copy of the descriptor
+                os.close(file)

@@ -277,8 +277,9 @@ class WikiGenerator(PageRetirementMixin):
         seeds: dict[str, str] = {}
         merged: dict[str, list[str]] = {}
         may_go = ids.keys() & self._retired_page_ids(rows, {*rows}.difference(ids))
-        for page_id in sorted(may_go.difference(plan.page_id for plan in plans if plan.own_folders)):
-            if target := page_of.get(ids[page_id]):
+        may_go -= {plan.page_id for plan in plans if plan.own_folders}
+        for page_id in sorted(may_go):
+            if (target := page_of.get(ids[page_id])) and target not in may_go:
                 along = [own_id for own_id, place in self.placements().items() if place["page"] == page_id]
                 self._place({own_id: Placement(page=target, merged=True, was=page_id) for own_id in along})
                 self.outcome.moved[page_id] = target

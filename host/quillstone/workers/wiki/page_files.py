@@ -259,7 +259,7 @@ class Run:
             left.unlink()
         for path, entries in self._entries().items():
             for made, entry in entries.items():
-                is_ours = _digest_at(entry) == made and self.stored is None
+                is_ours = made and self.stored is None and _digest_at(entry) == made
                 if is_ours or not self._must_stay(entry, path):
                     entry.unlink()
                 elif not os.path.lexists(entry.with_name(path.name)):
@@ -345,9 +345,7 @@ def digest(content: bytes) -> str:
 
 
 def _digest_at(path: Path) -> str | None:
-    with suppress(OSError):  # what cannot be read is none that a run knows
-        return digest(path.read_bytes()) if PosixPath.is_file(path) else None
-    return None
+    return digest(path.read_bytes()) if PosixPath.is_file(path) else None
 
 
 def exchange(one: Path, other: Path) -> None:

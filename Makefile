@@ -49,7 +49,7 @@ SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_strange.py
 sanitize: build/Sanitize/quillstone  ## the suite and the sweeps under AddressSanitizer and UndefinedBehaviorSanitizer
 	$(call SANITIZED,0) -m pytest -m "not long" $(TESTS)
 	$(call SANITIZED,1) -m pytest -m long $(SWEEPS)
-	$(call SANITIZED,1) -m pytest -m "not long" $(SWEEPS) tests/test_language.py tests/test_rules.py tests/test_surface.py
+	$(call SANITIZED,1) -m pytest -m "not long" $(SWEEPS) tests/test_language.py tests/test_surface.py
 
 coverage: build/Coverage/quillstone $(VENV)/coverage.stamp  ## which lines and branches of the C++ the suite and the sweeps run
 	find build/Coverage -name '*.gcda' -delete

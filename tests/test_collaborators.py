@@ -12,7 +12,16 @@ from quillstone.workers.wiki.replan_carry import CARRIED, GENERATED, PageText, c
 HELD = carried_sections([("Old", "held"), ("Older", "    held too\n\n# T")])
 LINES = [f"<!-- {slash}{kind} {'0' * 16} -->" for slash in ("", "/") for kind in (CARRIED, GENERATED)]
 LINES += [*HELD, *HELD[0].split("\n"), HELD[1].replace("\n# T", f"\n{HELD[0]}\n\n# T")]
-LINES += ["# T", "- `a.py`", "x", "    code", "", "ü \u2028\x0b", "\ufeff"]
+LINES += [
+    carry.make_block(GENERATED, "Files: 1\n- a", heading="# U"),
+    "# T",
+    "- `a.py`",
+    "x",
+    "    code",
+    "",
+    "ü \u2028\x0b",
+    "\ufeff",
+]
 texts = st.lists(st.sampled_from(LINES)).map("\n".join)
 pages = st.lists(st.tuples(st.sampled_from(["T", "U", "a\nb"]), texts), max_size=4)
 

@@ -28,7 +28,9 @@ class DemoHost:
             connection.execute(sa.insert(wiki_chunks), rows)
 
     def chunks(self, page_id):
-        return self.store.get_wiki_chunks(self.generator.branch, page_id)
+        query = sa.select(wiki_chunks.c.text).filter_by(branch=self.generator.branch, page_id=page_id)
+        with self.store.db.reading() as connection:
+            return list(connection.execute(query.order_by(wiki_chunks.c.position)).scalars())
 
 
 factory = DemoHost

@@ -8,7 +8,7 @@ from collections.abc import Iterable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Annotated
+from typing import Annotated, Any
 
 import sqlalchemy as sa
 import typer
@@ -17,9 +17,9 @@ from rich.markdown import Markdown
 from rich.panel import Panel
 
 from quillstone.errors import HostError
-from quillstone.wiki_cli.app import Given, progress, user_errors
-from quillstone.wiki_cli.reports import EXAMPLES, outcome_kinds, outcome_report, table
-from quillstone.workers.wiki.generator import Track, WikiGenerator
+from quillstone.storage.repository import wiki_chunks
+from quillstone.wiki_cli.app import EXAMPLES, Given, outcome_kinds, outcome_report, table, user_errors
+from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.planning import ROOT_PAGE
 from quillstone.workers.wiki.replan import Replan, ReplanOutcome, run_replan
 from quillstone.workers.wiki.replan_carry import cached_prose
@@ -57,16 +57,16 @@ def default_tree() -> Path:
     return Path(sysconfig.get_path("stdlib"))
 
 
-def run_demo(generator: WikiGenerator, track: Track) -> DemoResult:
+def run_demo(generator: WikiGenerator) -> DemoResult:
     """Index, build, write on each page, file notes and replan, with a failed commit before and a second run after."""
     result = DemoResult(str(generator.repo_root))
-    result.source_files, *_ = generator.index(track)
-    result.pages = generator.build(track).written
-    plans = {plan.page_id: plan for plan in generator.plan()}
+    result.source_files, *_ = generator.index()
+    result.pages = generator.build().written
+    plans = {plan.page_id: plan for plan in generator.plan(generator.stored_pages())}
     for page_id in plans:
         with generator.files.page_file(page_id).open("a", encoding="utf-8") as page:
             page.write(f"\n{written_on(page_id)}\n")
-    generator.build(track)
+    generator.build()
     notes = [generator.file_note(free_id(name, plans), *note) for name, note in NOTES.items()]
     notes.pop().unlink()
     replan, lagging = choose_replan(plans)
@@ -149,11 +149,13 @@ def lost_prose(generator: WikiGenerator, page_ids: Iterable[str], replan: Replan
     return problems
 
 
-def snapshot(generator: WikiGenerator) -> tuple[Rows, dict[str, bytes], dict[str, list[str]]]:
+def snapshot(generator: WikiGenerator) -> tuple[Rows, dict[str, bytes], list[Any]]:
     """All rows, all page files and all chunks as they are now."""
     rows = generator.stored_pages()
     files = {path.name: path.read_bytes() for path in generator.pages_dir.glob("*.md")}
-    return rows, files, {page_id: generator.repository.get_wiki_chunks(generator.branch, page_id) for page_id in rows}
+    with generator.repository.db.reading() as connection:
+        chunks = [tuple(row) for row in connection.execute(sa.select(wiki_chunks).order_by(*wiki_chunks.primary_key))]
+    return rows, files, chunks
 
 
 @contextmanager
@@ -173,17 +175,20 @@ def failing_commits(generator: WikiGenerator) -> Iterator[None]:
 
 def demo_report(result: DemoResult) -> RenderableType:
     """The whole demo: the outcome, one successor's page, and what the checks found."""
-    checks = [(check, "; ".join(found[:EXAMPLES]) or "nothing lost") for check, found in result.checks.items()]
+    checks = [
+        {"check": check, "result": "; ".join(found[:EXAMPLES]) or "nothing lost"}
+        for check, found in result.checks.items()
+    ]
     parts: list[RenderableType] = [
         f"{result.tree}: {result.source_files} source files, {result.pages} pages, {result.notes} notes.",
-        outcome_report(result.outcome, "What became of the pages"),
+        *outcome_report(result.outcome, "What became of the pages"),
     ]
     if missing := [kind for kind, pages in outcome_kinds(result.outcome).items() if not pages]:
         parts.append(f"This tree gave no example of: {', '.join(missing)}.")
     if result.successor:
         parts.append(Panel(Markdown(result.successor_text), title=f"A successor's page: {result.successor}"))
     verdict = "FAILED: see above" if any(result.checks.values()) else "passed: all prose stands once where it belongs"
-    return Group(*parts, table(checks, "Check", "Result"), f"Check {verdict} ({result.merged_prose} pages merged).")
+    return Group(*parts, table(checks), f"Check {verdict} ({result.merged_prose} pages merged).")
 
 
 def main(
@@ -199,7 +204,7 @@ def main(
         with given.opened(tree or default_tree()) as generator:
             if generator.stored_pages() or generator.repository.list_indexed_files()[0]:
                 raise HostError("the database holds a wiki already; the demo needs an empty one")
-            result = run_demo(generator, progress)
+            result = run_demo(generator)
     Console().print(demo_report(result))
     if any(result.checks.values()):
         raise typer.Exit(1)

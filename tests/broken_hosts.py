@@ -14,7 +14,6 @@ from quillstone.storage.repository import Database, Repository
 from quillstone.workers import wiki_types
 from quillstone.workers.wiki import replan_carry, repo_facts
 from quillstone.workers.wiki.generator import WikiGenerator
-from quillstone.workers.wiki.page_files import Run
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.replan_carry import cached_prose
 from quillstone.workers.wiki.wiki_lock import WikiLock
@@ -74,14 +73,19 @@ def by_the_module_alone(real, self, command, work, *how):
 
 
 def with_no_strangers(real, self, *run):
-    if self.files_without_rows():
+    if {path.stem for path in self.pages_dir.glob("*.md")} - self.stored_pages().keys():
         raise RuntimeError("a file is in the way")
     return by_the_module_alone(real, self, *run)
 
 
+def take_along(real, self, run):
+    for page_id in () if real(self, run) else run.staged:
+        self.files.page_file(page_id).unlink()
+
+
 @contextmanager
 def lock_by_file(tidies, real, self):
-    path = self._path.with_name("busy")
+    path = self._folder / "busy"
     path.parent.mkdir(parents=True, exist_ok=True)
     path.touch(exist_ok=False)
     try:
@@ -288,10 +292,8 @@ CHANGES = [
         "a_prune_that_was_killed_is_finished_by_the_next": {"leftovers that stay": by_the_module_alone},
         "a_rerun_after_a_failed_commit_carries_each_section_once": {"a file in the way of a rerun": with_no_strangers},
     }),
-    (Run, "undo", {
-        "a_rerun_after_a_failed_commit_carries_each_section_once": {
-            "a failed run that takes its files along": lambda real, self: [path.unlink() for path in self._entries()],
-        },
+    (WikiGenerator, "_settle", {
+        "a_rerun_after_a_failed_commit_carries_each_section_once": {"files that go with a failed run": take_along},
     }),
     (WikiLock, "held", {
         "a_prune_that_was_killed_is_finished_by_the_next": {"a lock that outlives all": partial(lock_by_file, True)},

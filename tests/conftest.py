@@ -1,28 +1,19 @@
 import os
-import re
 from collections import Counter
-from pathlib import Path
-from tempfile import TemporaryDirectory
 
 import pytest
+import sqlalchemy as sa
 
+from quillstone.storage.repository import wiki_pages
 from wikis import Wiki
 
+DATABASES = {"sqlite": "sqlite:///{}/store.sqlite", "postgresql": os.environ.get("QUILLSTONE_TEST_DATABASE")}
 FIGURES = Counter()
 
 
-def pytest_addoption(parser):
-    parser.addoption("--figures", type=Path, help="a document with table rows `| name | figure |`, to be rewritten")
-
-
-def pytest_terminal_summary(terminalreporter, config):
-    document = config.getoption("figures")
-    text = document.read_text("utf-8") if document else ""
+def pytest_terminal_summary(terminalreporter):
     for name, figure in FIGURES.items():
-        text, found = re.subn(rf"(?m)^\| {re.escape(name)} \|.*$", f"| {name} | {figure:,} |", text)
-        terminalreporter.write_line(f"{name}: {figure:,}", red=bool(document and not found))  # one without a row is red
-    if document:
-        document.write_text(text, "utf-8")
+        terminalreporter.write_line(f"{name}: {figure:,}")
 
 
 @pytest.fixture
@@ -31,15 +22,14 @@ def figures():
     return FIGURES
 
 
-@pytest.fixture
-def quick_folder(tmp_path):
-    """A folder in memory, where that can be had."""
-    with TemporaryDirectory(dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else tmp_path) as folder:
-        yield Path(folder)
+@pytest.fixture(params=[name for name, url in DATABASES.items() if url])
+def database(request, tmp_path):
+    """The URL of a database without tables, whatever earlier runs left in it."""
+    url = DATABASES[request.param].format(tmp_path)
+    wiki_pages.metadata.drop_all(sa.create_engine(url, poolclass=sa.NullPool))
+    return url
 
 
 @pytest.fixture
 def wiki(tmp_path):
-    wiki = Wiki(tmp_path)
-    yield wiki
-    wiki.repository.close()
+    return Wiki(tmp_path)

@@ -14,38 +14,38 @@ from typer.testing import CliRunner
 from quillstone.wiki_cli.app import app
 
 COMMANDS = {command.name for command in app.registered_commands}
-PAGES = ["%72oot", "a", "a%2Eb", "a.b", "family", "family.left", "lone", "odd", "root"]
+PAGES = ["%72oot", "a", "a%2Eb", "a.b", "family", "lone", "odd", "root"]
 WRITE = f'for page in {" ".join(PAGES)}; do echo "By hand: $page;" >> wiki/pages/$page.md; done'
-TREE = r'''for path in top.py a/1.py a/b/2.py a.b/x.py root/x.py family/left/l.py lone/README.md lone/x.c odd/a.py
+TREE = r"""for path in top.py a/1.py a/b/2.py a.b/x.py root/x.py family/l.py lone/README.md lone/x.c odd/a.py locked.py
 do mkdir -p tree/$(dirname $path); echo "# $path" > tree/$path; done; printf '%5000s' | tr ' ' '(' > tree/odd/deep.py
-printf '# -*- coding: latin-1 -*-\n"""caf\351 \\ud800\\0"""' > tree/odd/a.py; echo 2 > tree/locked.py'''
+printf '# -*- coding: latin-1 -*-\n"caf\351 \\ud800\\0"' > tree/odd/a.py"""
 REPLAN = '{"merge": {"a": ["a.b"]}, "rename": {"family": "kin"}, "drop": ["lone"]}'
 REPLANNED = {"a.b": "a", "family": "kin", "lone": ""}
 PROGRAM = f"{sys.executable} -m quillstone.wiki_cli"
 DEMO = f"""{sys.executable} -c 'import runpy as run, quillstone.workers.wiki.page_retirement as module
-module.with_carried = lambda text, sections: "\\n\\n".join([text, *%s])
+module.with_carried = lambda text, sections: "\\n\\n".join([text.split("\\n\\n<!-- carried")[0], *sections * %d])
 run.run_path("{Path(__file__).parents[1]}/docs/demo.py", run_name="__main__")' tree"""
 
 
 def do(step):
     """What a command prints, or the line in which it complains; a replan's preview has to tell what it then does."""
-    status, step = re.fullmatch("(?s)(2 )?(.*)", step).groups("")
+    status, step = re.fullmatch("(?s)(?:([012]) )?(.*)", step).groups("0")
     if step.startswith("{"):
         Path("replan.json").write_text(step)
-        told = [do(f"{status}{command} replan.json --json") for command in ("preview", "apply")]
-        assert len({re.sub(r'"seconds": [^,}]+|"retired/[^"]*"', "", text) for text in told}) == 1
+        told = [do(f"{status} {command} replan.json --json") for command in ("preview", "apply")]
+        assert len({re.sub('"retired/[^"]*"', "", text) for text in told}) == 1
         return told[0]
     if step.split()[0] not in COMMANDS:
         return subprocess.run(step, shell=True, check=True, stdout=subprocess.PIPE, text=True).stdout
     before, result = state(), CliRunner().invoke(app, step, input="A thought.")
-    assert result.exit_code == int(status or 0), (step, result.output, result.exception)
-    assert state() == before or not (status or step.startswith("preview"))
-    assert not status or re.fullmatch("error: .+\n", result.stderr)
-    return " ".join((result.stderr if status else result.stdout).split())
+    assert result.exit_code == int(status), (step, result.output, result.exception)
+    assert state() == before or (status == "0" and not step.startswith("preview"))
+    assert result.exit_code < 2 or re.fullmatch("error: .+\n", result.stderr)
+    return " ".join((result.stderr or result.stdout).split())
 
 
 def state():
-    files = [path for path in Path("wiki").rglob("*") if path.name != ".lock" and (path.is_symlink() or path.is_file())]
+    files = [path for path in Path("wiki").rglob("*") if path.is_symlink() or path.is_file()]
     return {path: path.is_symlink() or path.read_bytes() for path in files}
 
 
@@ -65,33 +65,25 @@ def here(tmp_path, monkeypatch):
     opening = lambda path, *how, **named: opened(path / ("x" if path.name == "locked.py" else ""), *how, **named)
     monkeypatch.setattr(Path, "open", opening)
     said = " ".join(map(do, [TREE, "index tree", "build", WRITE, "build", "show odd", "doctor"]))
-    assert re.search("10 source .* locked.py: it cannot .* Wrote 9 .* café \ufffd\ufffd .*All is well", said)
-    assert elsewhere() == {}
+    assert re.search("10 source .* locked.py: it cannot .* Wrote 8 .* café \ufffd\ufffd .*All is well", said)
     return tmp_path
 
 
-# Steps, which texts stand elsewhere afterwards, and what was said.
+# Steps, each after its exit status unless that is 0; which texts stand elsewhere afterwards; and what was said.
 STORIES = {
     "from a note to a restore": (
         f"note n --title Thoughts; note gone; rm wiki/notes/gone.md; chmod 604 wiki/pages/a.md; {REPLAN}; build; "
         f"apply replan.json; show n; restore lone; {PROGRAM} retired --forget $(ls wiki/retired); build; doctor; "
-        "ls -l wiki/pages", {"a.b": "a", "family": "kin"},
-        '"gone"|applied before|A thought.|Forgot 1|rw----r--'),
-    "a name that is no UTF-8, and a folder whose page cannot have its own id": (
-        "git init -q tree; git -C tree add .; mkdir tree/new; touch tree/new/x.py \"$(printf 'tree/\\377.py')\"; "
-        "note new; index tree; build; cat wiki/pages/new%.md; doctor", {}, "'\\udcff.py': its name is not UTF-8|well"),
-    "folders that move, and that git ignores from now on": (
-        "git init -q tree; git -C tree add .; git -C tree mv family kin; printf 'odd\nroot\n' > tree/.gitignore; "
-        'git -C tree rm -qr --cached odd root; index tree; {"merge": {"a": ["odd"]}}; build; doctor',
-        {"odd": "a", "%72oot": "", "family": "kin", "family.left": "kin.left"},
-        '"family.left": "kin.left"|"kept_texts": { "%72oot"|All is well'),
-    "a file of somebody's own, and a wiki without its database": (
-        "note n; note ideas; echo 'By hand: root;' > wiki/pages/ideas.md; rm wiki/notes/ideas.md; build; "
-        "cat wiki/pages/ideas.md; rm wiki/wiki.sqlite wiki/pages/ideas.md; 2 doctor; index tree; "
-        f"! {PROGRAM} doctor | grep delete; build; doctor", {}, "By hand: root;|All is well"),
-    "a wiki and its tree, copied": (
+        "ls -l wiki/pages", {"a.b": "a", "family": "kin"}, '"gone"|applied before|A thought.|Forgot 1|rw----r--'),
+    "what git knows of, a name that is no UTF-8, and a folder whose page cannot have its own id": (
+        "git init -q tree; git -C tree add .; git -C tree mv family kin; git -C tree rm -qr --cached odd; note new; "
+        "echo odd > tree/.gitignore; mkdir tree/new; touch tree/new/x.py tree/$(printf '\\377.py'); rm tree/top.py; "
+        "index tree; build; cat wiki/pages/new%.md; doctor", {"family": "kin", "odd": ""},
+        "'\\udcff.py': its name is not UTF-8|family moved|odd leaves the wiki|All is well"),
+    "a wiki and its tree, copied, and one without its database": (
         "mkdir copy; cp -r tree wiki copy; touch copy/tree/new.py; index copy/tree --wiki copy/wiki; "
-        "build --wiki copy/wiki; grep new.py copy/wiki/pages/root.md; ! grep new.py wiki/pages/root.md", {}, "new.py"),
+        "build --wiki copy/wiki; ! diff wiki/pages copy/wiki/pages; rm wiki/wiki.sqlite; 2 doctor; index tree; "
+        f"1 doctor; ! {PROGRAM} doctor | grep delete; build; doctor", {}, "> - `new.py`|no wiki database|All is well"),
     "what is refused": (
         "note n; 2 note n; 2 note a/b; 2 note ../x; 2 index none --wiki new; 2 index tree --wiki tree/top.py/wiki; "
         "2 index tree/a; 2 index tree --database foo://; 2 index tree --database postgresql://u:pw@:1/x; 2 show x; "
@@ -100,17 +92,18 @@ STORIES = {
         '; 2 {"rename": {"a": "root"}}; 2 {"rename": {"a": "../a"}}; 2 {"merge": {"a": ["a.b"]}, "drop": ["a"]}; '
         '2 {"merge": {"a": ["a.b"], "a.b": ["odd"], "odd": ["a"]}}', {},
         "is taken|a slash|leads out|is no folder|cannot use|'../tree'|foo|u:***|no page 'x'|nothing is indexed|no wiki|"
-        "no text|is kept|cannot read|top.py|is a note|'x' is not stored|twice|unknown field|goes away|itself"),
+        "no text|is kept|'x' (No such file|top.py|is a note|'x' is not stored|twice|unknown field|goes away|itself"),
     "a demo, as it is, and where sections are lost or stand twice": (
-        f"{DEMO % 'sections'}; ! {DEMO % '[]'}; ! {DEMO % '(sections * 2)'}", {}, "Check passed|Check FAILED"),
+        f"{DEMO % 1}; ! {DEMO % 0}; ! {DEMO % 2}", {}, "Check passed|Check FAILED"),
 }  # fmt: skip
-LOOP = "set -e\ncd wiki/pages\nfor page in lone family a.b\ndo mv $page.md ../../own.$page\n%s $page.md\ndone"
-for place in ["mkfifo", "ln -s none", "ln -s ../../own.$page", "ln ../../own.$page"]:
-    STORIES[f"{place} PAGE"] = f"{LOOP % place}; {REPLAN}", REPLANNED, ""
-for place in ["ln -s /proc/self/mem", "mkdir", r"printf '\377' >"]:
-    steps = '2 {"rename": {"family": "kin"}}; 2 {"merge": {"a": ["a.b"]}}; {"drop": ["lone"]}'
-    steps += "; rm -r wiki/pages/family.md wiki/pages/a.b.md; build"
-    STORIES[f"{place} PAGE"] = f"{LOOP % place}; {steps}", {"lone": ""}, ""
+# What lies in the place of three page files, whose texts stand outside then.
+PUT = "set -e\ncd wiki/pages\nfor page in lone family a.b\ndo mv $page.md ../../own.$page\n%s $page.md\ndone; "
+for make in ["mkfifo", "ln -s none", "ln -s ../../own.$page", "ln ../../own.$page"]:
+    STORIES[f"{make} PAGE"] = PUT % make + REPLAN, REPLANNED, ""
+REFUSED = '2 {"rename": {"family": "kin"}}; 2 {"merge": {"a": ["a.b"]}}; {"drop": ["lone"]}; '
+REFUSED += "rm -r wiki/pages/family.md wiki/pages/a.b.md; build"
+for make in ["ln -s /proc/self/mem", "mkdir", r"printf '\377' >"]:
+    STORIES[f"{make} PAGE"] = PUT % make + REFUSED, {"lone": ""}, ""
 
 
 @pytest.mark.parametrize("story", STORIES)
@@ -120,25 +113,15 @@ def test_a_story(here, story):
     assert elsewhere() == moved and [word for word in words.split("|") if word not in said] == [], said
 
 
-@pytest.mark.parametrize("trouble", ["Ctrl-C", "a full disk"])
-def test_a_replan_that_is_stopped_at_any_step_is_undone(here, monkeypatch, request, trouble, figures):
-    """Ctrl-C comes when so many files are on the disk, and a disk is full that has room for so many blocks."""
-    if full := trouble == "a full disk":
-        mount = "mkdir disk && mount -t tmpfs -o size=512k tmpfs disk && cp -r tree wiki disk"
-        if subprocess.run(mount, shell=True).returncode:
-            pytest.skip("no file system may be mounted here")
-        request.addfinalizer(lambda: subprocess.run(["umount", "--lazy", here / "disk"]))
-        monkeypatch.chdir("disk")
+def test_a_replan_that_ctrl_c_stops_at_any_step_is_undone_or_finished(here, monkeypatch, figures):
     before, sync = state(), os.fsync
     monkeypatch.setattr(os, "fsync", lambda file: (sync(file), next(goes_on) or os.kill(os.getpid(), signal.SIGINT)))
     Path("replan.json").write_text(REPLAN)
     for step in itertools.count():
-        goes_on, room = itertools.chain([True] * step, [full], itertools.repeat(True)), os.statvfs(".")
-        Path("filler").write_bytes(bytes(full and room.f_bavail * room.f_bsize - 4096 * step))
+        goes_on = itertools.chain([True] * step, [False], itertools.repeat(True))
         stopped = CliRunner().invoke(app, "apply replan.json")
-        Path("filler").unlink()
         if stopped.exit_code == 0:
             break
-        assert stopped.stderr.startswith("error: ") and (state() == before or "committed" in stopped.stderr)
-        figures[f"replans stopped by {trouble}"] += 1
+        assert stopped.exit_code == 130 and stopped.stderr.startswith("error: ") and state() == before
+        figures["replans stopped by Ctrl-C"] += 1
     assert step > 2 and elsewhere() == REPLANNED

@@ -1,4 +1,4 @@
-"""What is left of a failure at any touch of a host; and what a log record says."""
+"""What is left of a failure at any touch of a host."""
 
 import gc
 
@@ -23,10 +23,3 @@ def test_a_failure_leaves_every_reference_and_block_where_it_was(seed, step, fig
         assert not any(growth(lambda at=at: run(seed, page_retirement, True, at), watched)), touches[at]
         figures["faults injected"] += 1
     gc.unfreeze()
-
-
-def test_a_log_record_says_where_it_comes_from(wiki, caplog):
-    wiki.page("late")
-    wiki.repository.forget_indexed_files(["indexed.py"])
-    wiki._prune_retired_pages(wiki.rows(), set())
-    assert [(record.funcName, record.filename) for record in caplog.records] == [("_retired_page_ids", "selection.cpp")]

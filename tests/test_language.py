@@ -22,6 +22,7 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from wikis import write_files
 
 
 class Fault(Exception):
@@ -442,7 +443,7 @@ def test_a_caller_may_let_go_of_the_arguments_in_the_middle_of_a_call():
 def test_ids_that_are_no_str_are_formatted(wiki):
     assert wiki._page_text(7) is None
     wiki.file("7").write_text("seven")
-    wiki.note("9")
+    write_files(wiki.pages_dir.parent, {"notes/9.md": ""})
     assert wiki._page_text(7) == "seven"
     assert wiki._notes_whose_file_is_gone({8: {"level": "note"}, 9: {"level": "note"}}) == {8}
     for page_id in ("é", "漢", "😀"):
@@ -461,3 +462,10 @@ def test_a_build_cache_is_what_python_takes_for_a_dict():
     with pytest.raises(TypeError, match="not JSON serializable"):
         host._upsert_successor("new", {"build_cache": {"a": {1}}}, [], ())
     assert len(calls) == 3
+
+
+def test_a_log_record_says_where_it_comes_from(wiki, caplog):
+    wiki.page("late")
+    wiki.repository.forget_indexed_files(["indexed.py"])
+    wiki._prune_retired_pages(wiki.rows(), set())
+    assert [(record.funcName, record.filename) for record in caplog.records] == [("_retired_page_ids", "selection.cpp")]

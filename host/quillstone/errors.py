@@ -9,25 +9,13 @@ class PageIdError(HostError, ValueError):
     """A page id that names no file inside the pages folder."""
 
 
+class ReplanError(HostError, ValueError):
+    """A replan that cannot be applied as it stands; nothing has been changed."""
+
+
 class PageFileError(HostError):
     """A page file that cannot be read or replaced as it is."""
 
 
 class PageChangedError(PageFileError):
     """A page file that somebody saved after this run had read it; nothing of theirs was replaced."""
-
-
-class StoreError(HostError):
-    """A database that cannot be opened or used."""
-
-
-class TreeError(HostError):
-    """A source tree that cannot be read."""
-
-
-class ReplanError(HostError, ValueError):
-    """A replan that cannot be applied as it stands; nothing has been changed."""
-
-
-class WikiBusyError(HostError):
-    """A wiki that another run keeps locked for longer than one waits."""

@@ -6,12 +6,13 @@ import re
 import threading
 from collections.abc import Iterable, Iterator, Mapping, Sequence
 from contextlib import AbstractContextManager, contextmanager, nullcontext
+from functools import partial
 from typing import Any
 
 import sqlalchemy as sa
 from sqlalchemy.dialects import postgresql, sqlite
 
-from quillstone.errors import PageIdError, StoreError
+from quillstone.errors import HostError, PageIdError
 from quillstone.workers.wiki.wiki_lock import wait_for
 
 SQLITE_BUSY_SECONDS = 30
@@ -84,34 +85,29 @@ def check_page_id(page_id: str) -> None:
 class Database:
     """One database by URL, and the transaction that the calling thread is in."""
 
-    def __init__(self, url: str) -> None:
-        """Open the database and create missing tables; raises `StoreError`."""
-        shown = url
+    def __init__(self, url: str | sa.URL) -> None:
+        """Open the database and create missing tables; raises `HostError`."""
+        shown, self._threads = url, threading.local()
         try:
             parsed = sa.make_url(url)
             shown = repr(parsed)  # without the password
             if parsed.drivername == "postgresql":
                 parsed = parsed.set(drivername="postgresql+psycopg")
-            on_file = parsed.get_backend_name() == "sqlite" and parsed.database not in (None, "", ":memory:")
-            self.engine = sa.create_engine(
-                parsed,
-                # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
-                poolclass=sa.NullPool if on_file else None,
-                json_serializer=lambda value: json.dumps(value, ensure_ascii=False),
-            )
-            if self.engine.dialect.name not in _INSERT:
-                raise StoreError(f"database {shown} is neither sqlite nor postgresql; give a URL of one of these")
+            if parsed.get_backend_name() not in _INSERT:
+                raise ValueError("it is neither sqlite nor postgresql")
+            # A connection whose release a signal interrupted would keep its locks, were it kept for the next use.
+            dumps = partial(json.dumps, ensure_ascii=False)
+            self.engine = sa.create_engine(parsed, poolclass=sa.NullPool, json_serializer=dumps)
             if self.engine.dialect.name == "sqlite":
                 sa.event.listen(self.engine, "connect", _prepare_sqlite)
                 sa.event.listen(self.engine, "begin", _begin_sqlite)
-            self._threads = threading.local()
             if _metadata.tables.keys() - set(sa.inspect(self.engine).get_table_names()):
                 with self.transaction() as connection:
                     self.take_turn("", "making tables")
                     _metadata.create_all(connection)
         except (sa.exc.SQLAlchemyError, ImportError, ValueError, TypeError) as error:
             reason = " ".join(str(getattr(error, "orig", None) or error).split())
-            raise StoreError(f"cannot open the database {shown} ({reason}); check its URL") from error
+            raise HostError(f"cannot open the database {shown} ({reason}); check its URL") from error
 
     @contextmanager
     def transaction(self, dry: bool = False) -> Iterator[sa.Connection]:
@@ -119,7 +115,7 @@ class Database:
 
         A dry one is undone. Inside another it is a part of that one, which cannot be committed once a part has failed.
         """
-        if outer := self._outer():
+        if outer := getattr(self._threads, "connection", None):
             try:
                 yield outer
             except BaseException:
@@ -133,7 +129,7 @@ class Database:
                 try:
                     yield connection
                     if self._threads.has_failed:
-                        raise StoreError("a part of this transaction failed, so none of it counts; run it again")
+                        raise HostError("a part of this transaction failed, so none of it counts; run it again")
                     if dry:
                         begun.rollback()
                 finally:
@@ -141,34 +137,27 @@ class Database:
 
     def reading(self) -> AbstractContextManager[sa.Connection]:
         """The connection to read on: that of the open transaction, else one of its own."""
-        return nullcontext(outer) if (outer := self._outer()) else self.engine.connect()
-
-    def _outer(self) -> sa.Connection | None:
-        return getattr(self._threads, "connection", None)
+        return nullcontext(outer) if (outer := getattr(self._threads, "connection", None)) else self.engine.connect()
 
     def take_turn(self, name: str, holder: str) -> None:
-        """In the open transaction, wait until no other has a turn of this name, and keep it until the end.
-
-        Who waits is told for whom: the `holder` that was given. On SQLite every transaction that writes has its turn.
-        """
+        """In the open transaction, wait for the turn of this name and keep it; who waits is told of the `holder`."""
         if self.engine.dialect.name != "postgresql":
-            return
+            return  # every transaction that writes has its turn
         key = int.from_bytes(hashlib.sha256(name.encode("utf-8", "surrogatepass")).digest()[:8], "big", signed=True)
         with self.reading() as connection:
             connection.execute(sa.select(sa.func.set_config("application_name", holder[:63], True)))
             take = sa.select(sa.func.pg_try_advisory_xact_lock(key))
-            who = _TURN_HOLDER.bindparams(high=key >> 32 & 0xFFFFFFFF, low=key & 0xFFFFFFFF)
             wait_for(
                 lambda: bool(connection.execute(take).scalar()),
-                lambda: str(connection.execute(who).scalar() or ""),
+                lambda: str(connection.execute(_TURN_HOLDER, {"key": key}).scalar() or ""),
                 f"branch {name!r}",
             )
 
 
 _TURN_HOLDER = sa.text(
     "SELECT application_name FROM pg_locks JOIN pg_stat_activity USING (pid)"
-    " WHERE locktype = 'advisory' AND granted AND classid = CAST(:high AS oid) AND objid = CAST(:low AS oid)"
-).bindparams(sa.bindparam("high", type_=sa.BigInteger), sa.bindparam("low", type_=sa.BigInteger))
+    " WHERE locktype = 'advisory' AND granted AND CAST(classid AS bigint) << 32 | CAST(objid AS bigint) = :key"
+)
 
 
 def _prepare_sqlite(connection: Any, _record: object) -> None:
@@ -179,18 +168,14 @@ def _prepare_sqlite(connection: Any, _record: object) -> None:
 
 def _begin_sqlite(connection: sa.Connection) -> None:
     # A transaction that reads first and writes later could find itself unable to: take the write lock at once.
-    writes = connection.get_execution_options().get("writes", False)
-    connection.exec_driver_sql("BEGIN IMMEDIATE" if writes else "BEGIN")
+    connection.exec_driver_sql("BEGIN IMMEDIATE" if connection.get_execution_options().get("writes") else "BEGIN")
 
 
 class Repository:
-    """The store of one database, with one branch's index. Calls commit by themselves outside of `db.transaction()`.
+    """The store of one database, with one branch's index; outside of `db.transaction()` each call is committed."""
 
-    They raise `sqlalchemy.exc.SQLAlchemyError`, and `PageIdError` for a page id that would leave the pages folder.
-    """
-
-    def __init__(self, url: str, branch: str = "main") -> None:
-        """Open the store, for example "sqlite:///wiki.sqlite", for the index of `branch`; raises `StoreError`."""
+    def __init__(self, url: str | sa.URL, branch: str = "main") -> None:
+        """Open the store, for example "sqlite:///wiki.sqlite", for the index of `branch`; raises `HostError`."""
         self.db, self.branch = Database(url), branch
 
     def close(self) -> None:
@@ -215,15 +200,9 @@ class Repository:
         return self._rows(sa.select(branch_files).filter_by(branch=self.branch, state=GONE))
 
     def upsert_wiki_page(self, branch: str, page_id: str, title: str, *, build_cache: str, **fields: Any) -> None:
-        """Store the row of (branch, page id), new or over the stored one.
-
-        `build_cache` is the JSON text of an object, which comes back as a dict; anything else raises `ValueError`.
-        """
+        """Store the row of (branch, page id), new or over the stored one; `build_cache` is given as JSON text."""
         check_page_id(page_id)
-        cache = json.loads(build_cache)
-        if not isinstance(cache, dict):
-            raise ValueError(f"build_cache of page {page_id!r} is the JSON text of no object")
-        row = {"branch": branch, "page_id": page_id, "title": title, "build_cache": cache, **fields}
+        row = {"branch": branch, "page_id": page_id, "title": title, "build_cache": json.loads(build_cache), **fields}
         self._upsert(wiki_pages, [row])
 
     def delete_wiki_page(self, branch: str, page_id: str) -> bool:
@@ -244,12 +223,6 @@ class Repository:
                 rows = [{**here, "position": position, "text": text} for position, text in enumerate(chunks)]
                 connection.execute(sa.insert(wiki_chunks), rows)
 
-    def get_wiki_chunks(self, branch: str, page_id: str) -> list[str]:
-        """The page's chunks in their order."""
-        query = sa.select(wiki_chunks.c.text).filter_by(branch=branch, page_id=page_id).order_by(wiki_chunks.c.position)
-        with self.db.reading() as connection:
-            return list(connection.execute(query).scalars())
-
     def record_indexed_files(self, records: Iterable[Mapping[str, Any]]) -> None:
         """Add to the index, or renew there, mappings of path, is_source, size (bytes), digest and state."""
         self._upsert(branch_files, [{**record, "branch": self.branch} for record in records])
@@ -264,9 +237,8 @@ class Repository:
 
     def get_fact(self, branch: str, name: str) -> Any:
         """What the host noted about the branch under this name, or None."""
-        query = sa.select(branch_facts.c.value).filter_by(branch=branch, name=name)
-        with self.db.reading() as connection:
-            return connection.execute(query).scalar_one_or_none()
+        found = self._rows(sa.select(branch_facts).filter_by(branch=branch, name=name))
+        return found[0]["value"] if found else None
 
     def put_fact(self, branch: str, name: str, value: Any) -> None:
         """Note a value that JSON can hold about the branch; None is no value."""

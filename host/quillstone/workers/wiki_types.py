@@ -1,4 +1,4 @@
-"""What a wiki is planned in."""
+"""What the modules of the wiki share."""
 
 from dataclasses import dataclass, field
 from typing import Any
@@ -9,18 +9,13 @@ Rows = dict[str, dict[str, Any]]  # page rows by page id
 
 @dataclass
 class PagePlan:
-    """One page that the plan of record contains.
-
-    `folders` are those that the page describes, `own_folders` those of them that were not merged into it, and
-    `source_files` the files in them. The page's fate is judged by `judged_files`: its own or, for a page that only
-    heads others, all files below its folders.
-    """
+    """One page that the plan of record contains."""
 
     page_id: str
     title: str
     parent: str | None = None
-    folders: list[str] = field(default_factory=list)
-    own_folders: list[str] = field(default_factory=list)
-    source_files: list[str] = field(default_factory=list)
-    judged_files: list[str] = field(default_factory=list)
+    folders: list[str] = field(default_factory=list)  # that the page describes
+    own_folders: list[str] = field(default_factory=list)  # those of them that were not merged into it
+    source_files: list[str] = field(default_factory=list)  # in its folders
+    judged_files: list[str] = field(default_factory=list)  # these or, on a page that only heads others, all below
     related_pages: list[str] = field(default_factory=list)

@@ -1,26 +1,20 @@
 """The text of a folder's page: what its sources and its README say about themselves."""
 
 import ast
+import inspect
+import io
 import re
+import tokenize
 import warnings
 from collections.abc import Mapping
 from contextlib import suppress
 from pathlib import Path, PurePosixPath
 from urllib.parse import quote
 
-from quillstone.workers.wiki.replan_carry import (
-    GENERATED,
-    PageText,
-    join_prose,
-    make_block,
-    page_title_line,
-    without_blocks,
-)
+from quillstone.workers.wiki import replan_carry as carry
 from quillstone.workers.wiki_types import PagePlan
 
 README_NAMES = ("README.md", "README.rst", "README.txt", "README", "readme.md")
-LARGEST_READ = 2_000_000  # bytes; parsing takes some hundred times as much memory
-CHUNK_CHARACTERS = 1500
 
 
 def clean_text(text: str) -> str:
@@ -30,8 +24,7 @@ def clean_text(text: str) -> str:
 
 def _content(path: Path) -> bytes:
     with suppress(OSError):
-        if path.is_file() and not path.is_symlink() and path.stat().st_size <= LARGEST_READ:
-            return path.read_bytes()
+        return path.read_bytes() if path.is_file() and not path.is_symlink() else b""
     return b""
 
 
@@ -48,13 +41,16 @@ def folder_title(root: Path, folder: str) -> str:
 
 
 def docstring(path: Path) -> str:
-    """A Python module's docstring; "" for none, and for what does not parse."""
-    try:
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore")
-            return clean_text(ast.get_docstring(ast.parse(_content(path))) or "").strip("\n")
-    except (SyntaxError, ValueError, RecursionError, MemoryError):
-        return ""
+    """A Python module's docstring; "" for none, and for what is no Python."""
+    passed_over = (tokenize.ENCODING, tokenize.COMMENT, tokenize.NL)
+    with suppress(SyntaxError, ValueError, StopIteration, tokenize.TokenError), warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        tokens = tokenize.tokenize(io.BytesIO(_content(path)).readline)
+        said = (token for token in tokens if token.type not in passed_over)
+        first, second = next(said), next(said)
+        if first.type == tokenize.STRING and second.type == tokenize.NEWLINE:
+            return clean_text(inspect.cleandoc(str(ast.literal_eval(first.string)))).strip("\n")
+    return ""
 
 
 def generated_text(root: Path, plan: PagePlan, titles: Mapping[str, str]) -> tuple[str, str]:
@@ -64,12 +60,13 @@ def generated_text(root: Path, plan: PagePlan, titles: Mapping[str, str]) -> tup
         facts += ["", "Pages:", *(f"- [{titles[page]}]({quote(page)}.md)" for page in plan.related_pages)]
     said = []
     for folder in plan.folders:
-        said.append(readme_text(root / folder).removeprefix(page_title_line(plan.title)))
+        said.append(readme_text(root / folder).removeprefix(carry.page_title_line(plan.title)))
         for path in (PurePosixPath(path) for path in plan.source_files if path.rpartition("/")[0] == folder):
             doc = docstring(root / path) if path.suffix in (".py", ".pyw") else ""
             is_package = not doc or path.name == "__init__.py"
-            said.append(doc if is_package else f"## {shown(path.name)}\n\n{first_paragraph(doc)}")
-    return "\n".join(facts), without_blocks(join_prose(said))
+            first = " ".join(re.split(r"\n[ \t]*\n", doc)[0].split())
+            said.append(doc if is_package else f"## {shown(path.name)}\n\n{first}")
+    return "\n".join(facts), carry.without_blocks(carry.join_prose(said))
 
 
 def shown(path: str) -> str:
@@ -77,24 +74,13 @@ def shown(path: str) -> str:
     return path.translate({number: f"\\x{number:02x}" for number in [*range(32), 127]})
 
 
-def page_text(title: str, page: PageText, generated: str) -> str:
+def page_text(title: str, page: carry.PageText, generated: str) -> str:
     """A page file's text: the title that a person gave it or else this one, the generated block, what people wrote."""
-    heading = page_title_line(title)
-    block = make_block(GENERATED, generated, heading=heading)
-    return join_prose([page_title_line(page.title) if page.title else heading, block, page.prose]) + "\n"
-
-
-def first_paragraph(text: str) -> str:
-    """The text up to its first empty line, in one line."""
-    return " ".join(re.split(r"\n[ \t]*\n", clean_text(text).strip("\n"), maxsplit=1)[0].split())
+    heading = carry.page_title_line(title)
+    block = carry.make_block(carry.GENERATED, generated, heading=heading)
+    return carry.join_prose([carry.page_title_line(page.title) if page.title else heading, block, page.prose]) + "\n"
 
 
 def split_chunks(prose: str) -> list[str]:
-    """Cut prose at its empty lines into chunks of about `CHUNK_CHARACTERS`, of characters that a database can hold."""
-    chunks: list[str] = []
-    for paragraph in clean_text(prose).split("\n\n"):
-        if chunks and len(chunks[-1]) + len(paragraph) < CHUNK_CHARACTERS:
-            chunks[-1] += f"\n\n{paragraph}"
-        elif paragraph.strip():
-            chunks.append(paragraph)
-    return chunks
+    """Cut prose into chunks of at most 1,500 characters that a database can hold, at empty lines if it can."""
+    return re.findall(r"(?s)\S.{,1498}(?:\n\n|\Z)|\S.{,1499}", clean_text(prose))

@@ -1,6 +1,7 @@
 """The wiki generator: indexes a source tree, plans and writes its pages, files notes, prunes, brings texts back."""
 
 import os
+import secrets
 import shutil
 import time
 from collections.abc import Callable, Iterable, Mapping, Sequence
@@ -9,26 +10,29 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, TypeVar, cast
 
-from quillstone.errors import HostError, PageChangedError, PageIdError, ReplanError, TreeError
+from rich.console import Console
+from rich.progress import track
+
+from quillstone.errors import HostError, PageChangedError, PageIdError, ReplanError
 from quillstone.storage.repository import EXCLUDED, GONE, INDEXED, Repository, check_page_id
 from quillstone.workers.wiki import authoring
 from quillstone.workers.wiki import replan_carry as carry
-from quillstone.workers.wiki.page_files import PageFiles, Run, decoded, leaves
+from quillstone.workers.wiki.page_files import PageFiles, Run, decoded
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.planning import Placement, folder_page_id, moved_folders, plan_pages
-from quillstone.workers.wiki.repo_facts import _atomic_write
+from quillstone.workers.wiki.repo_facts import _atomic_write, digest, write_durably
 from quillstone.workers.wiki.source_tree import file_record, list_files
 from quillstone.workers.wiki.wiki_lock import WikiLock, whoami
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan, Rows
 
-Track = Callable[[list[Any], str], Iterable[Any]]  # goes through a list and shows, under a label, how far it is
 Result = TypeVar("Result")
 TRIES = 5  # of a run, while somebody saves pages that it has read
 
 
-def untracked(steps: list[Any], _label: str) -> Iterable[Any]:
-    """Go through the steps and show nothing."""
-    return steps
+def progress(steps: list[Any], label: str) -> Iterable[Any]:
+    """Show a bar on standard error while the steps are gone through, where that is a terminal."""
+    console = Console(stderr=True)
+    return track(steps, label, console=console, disable=not console.is_terminal)
 
 
 @dataclass
@@ -37,7 +41,6 @@ class RunOutcome:
 
     written: int = 0
     deleted: int = 0
-    seconds: float = 0.0  # that the prune took
     moved: dict[str, str] = field(default_factory=dict)  # page whose folder moved to the page that continues it
     kept_texts: dict[str, str] = field(default_factory=dict)  # page that lost a person's text to the file that keeps it
     recovered: list[str] = field(default_factory=list)  # what became of runs that had been stopped
@@ -52,113 +55,102 @@ def note_text(path: Path) -> str:
 
 
 class WikiGenerator(PageRetirementMixin):
-    """Writes the wiki of one tree and applies plans to it. An object belongs to one thread.
-
-    Whatever changes the wiki is a run: one at a time, its rows in one transaction, its files taken back if that fails.
-    Runs raise `HostError` for what a person can mend.
-    """
+    """Writes the wiki of one tree and applies plans to it, for one thread; `HostError` is what a person can mend."""
 
     def __init__(self, repository: Repository, repo_root: Path, branch: str, wiki_dir: Path) -> None:
         """Work on the wiki in `wiki_dir` (its pages/ and notes/) about the tree `repo_root`."""
         self.repository, self.repo_root, self.branch = repository, repo_root, branch
         self.wiki_dir, self.files, self.lock = wiki_dir, PageFiles(wiki_dir), WikiLock(wiki_dir)
         self.pages_dir = self.files.pages_dir
-        self.outcome, self.is_committed = RunOutcome(), False
+        self.outcome = RunOutcome()
         self._sources_taken: dict[str, list[str]] = {}
 
     def stored_pages(self) -> Rows:
         """The branch's page rows by page id."""
         return {row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}
 
-    def files_without_rows(self) -> list[str]:
-        """Page files that belong to no stored page, by page id."""
-        stored = {page_id for page_id, row in self.stored_pages().items() if row["level"] != NOTE_LEVEL}
-        return sorted({self.files.page_id(path) for path in self.pages_dir.rglob("*.md") if not path.is_dir()} - stored)
-
     # Runs.
 
     def in_run(self, command: str, work: Callable[[], Result], dry: bool = False) -> Result:
-        """Do the work as one run, or as a part of the one that is under way; a dry one changes nothing.
+        """Do the work as one run, or as a part of the one under way: all of its changes are made or, when dry, none.
 
         It begins anew when somebody saves a page that it has read; after `TRIES` times it raises `PageChangedError`.
         """
         if self.files.run:
             return work()
         with self.lock.held():
-            recovered: list[str] = []
-            kept: dict[str, str] = {}
+            recovered, kept = self._recover()
             for tries_left in reversed(range(TRIES)):
+                self.outcome = RunOutcome(recovered=recovered)
+                run = Run(self.files, f"{time.strftime('%Y-%m-%dT%H-%M-%S')}-{command}-{secrets.token_hex(3)}", dry)
                 try:
-                    recovered += self._recover()
-                    kept |= self.outcome.kept_texts
-                    result = self._attempt(command, work, dry)
+                    result = self._attempt(run, work)
                     break
                 except PageChangedError:
                     if not tries_left:
                         raise
-            self.outcome.recovered, self.outcome.kept_texts = recovered, kept | self.outcome.kept_texts
+                finally:
+                    self.files.run, self.files.stopping = None, False
+            self.outcome.kept_texts = kept | self.outcome.kept_texts
         return result
 
-    def _recover(self) -> list[str]:
-        self.outcome, ends = (
-            RunOutcome(),
-            {True: "was committed; it is finished now", False: "was stopped; it is taken back"},
-        )
-        if not (stopped := self.files.unfinished()):
-            return []
-        with self.repository.db.transaction():
-            self.repository.db.take_turn(self.branch, whoami())
-            return [f"{run.id}, {ends[self._settle(run)]}" for run in stopped]
-
-    def _attempt(self, command: str, work: Callable[[], Result], dry: bool = False) -> Result:
-        run = Run(self.files, command=command, dry=dry)
-        self.outcome, self.is_committed = RunOutcome(), False
+    def _attempt(self, run: Run, work: Callable[[], Result]) -> Result:
         try:
-            with self.repository.db.transaction(dry):
+            with self.repository.db.transaction(run.dry):
                 self.repository.db.take_turn(self.branch, whoami())
                 self.files.run = run
                 result = work()
-                run.check_removed()
-                if run.changes_files:
-                    run.folder.mkdir(parents=True, exist_ok=True)  # by which the next run knows of it
-                    self.repository.put_fact("", f"run {run.id}", {"removed": run.removed, "heirs": run.heirs})
+                run.check()
+                if run.folder.exists():
+                    changes = {"staged": run.staged, "removed": run.removed, "heirs": run.heirs}
+                    self.repository.put_fact("", f"run {run.id}", changes)
         except BaseException:
-            self.files.run, self.files.stopping = None, False
             with suppress(Exception):  # what cannot be settled now is left to the next run
-                self.is_committed = self._settle(run)
+                if not self._settle(run):
+                    shutil.rmtree(run.folder, ignore_errors=True)
             raise
-        self.files.run, self.is_committed = None, not dry
-        try:
+        if run.dry:
+            self.outcome.kept_texts = run.would_keep()
+            shutil.rmtree(run.folder)
+        else:
             self._settle(run)
-        except OSError as error:
-            raise HostError(
-                f"the run is committed, but not all files are in place ({error}); the next one goes on"
-            ) from error
         return result
 
     def _settle(self, run: Run) -> bool:
-        # Only the store knows whether a run was committed.
-        facts = self.repository.get_fact("", f"run {run.id}") if run.changes_files else None
-        if facts:
-            run.removed, run.heirs = facts["removed"], facts["heirs"]
-        elif not run.dry:
-            rows = self.repository.get_wiki_pages(self.branch) if run.changes_files else []
-            run.undo([*map(carry.cached_prose, rows)])
-        self.outcome.kept_texts |= run.finish()
-        if facts:
+        # Finish a run that was committed; only the store knows whether it was.
+        if changes := None if run.dry else self.repository.get_fact("", f"run {run.id}"):
+            run.staged, run.removed, run.heirs = changes["staged"], changes["removed"], changes["heirs"]
+            try:
+                self.outcome.kept_texts |= run.finish()
+            except OSError as error:
+                raise HostError(f"all is stored, but a file is not in place ({error}); run a build") from error
             self.repository.put_fact("", f"run {run.id}", None)
-        return bool(facts)
+        return bool(changes)
+
+    def _recover(self) -> tuple[list[str], dict[str, str]]:
+        # End the runs that were stopped; gives what became of them, and which texts are kept of them.
+        self.outcome = RunOutcome()
+        for run_id in self.files.unfinished():
+            with self.repository.db.transaction():
+                self.repository.db.take_turn(self.branch, whoami())
+                run, fate = Run(self.files, run_id), "was committed; it is finished now"
+                if not self._settle(run):
+                    fate = "was stopped; it is taken back"
+                    stored = map(carry.cached_prose, self.stored_pages().values())
+                    self.outcome.kept_texts |= run.end(run.folder, [*stored, *self.files.texts()])
+            self.outcome.recovered.append(f"{run_id}, {fate}")
+        return self.outcome.recovered, self.outcome.kept_texts
 
     # The index and the plan.
 
-    def index(self, track: Track = untracked) -> tuple[int, int, dict[str, str]]:
+    def index(self) -> tuple[int, int, dict[str, str]]:
         """Index the tree as it is now; gives how many source files and files there are, which were missed, and why."""
         tree = os.path.relpath(self.repo_root.resolve(), self.wiki_dir.resolve())
         known_tree = self.repository.get_fact(self.branch, "tree")
         if known_tree and known_tree != tree and (self.wiki_dir / known_tree).is_dir():
-            raise TreeError(f"this wiki is about {known_tree!r}; give another tree a wiki of its own with --wiki")
+            raise HostError(f"this wiki is about {known_tree!r}; give another tree a wiki of its own with --wiki")
         paths, missed = list_files(self.repo_root, without=self.wiki_dir)
-        found = {path: {**file_record(self.repo_root, path), "state": INDEXED} for path in track(paths, "Indexing")}
+        found = {path: {**file_record(self.repo_root, path), "state": INDEXED} for path in progress(paths, "Indexing")}
 
         def record() -> None:
             before = {record["path"]: record for record in self.repository.list_indexed_files()[0]}
@@ -174,14 +166,12 @@ class WikiGenerator(PageRetirementMixin):
         self.in_run("index", record)
         return sum(record["is_source"] for record in found.values()), len(found), missed
 
-    def plan(self, rows: Rows | None = None) -> list[PagePlan]:
+    def plan(self, rows: Rows) -> list[PagePlan]:
         """The plan of record: a page for each folder that the index knows sources of, after all replans so far."""
-        rows = self.stored_pages() if rows is None else rows
         notes = [page_id for page_id, row in rows.items() if row["level"] == NOTE_LEVEL]
         plans = plan_pages(self.repo_root, self._planned_files(), self.placements(), notes)
         for plan in plans:
-            known = rows.get(plan.page_id, {}).get("build_cache") or {}
-            plan.title = plan.title or known.get("heading") or plan.page_id
+            plan.title = plan.title or carry.cached_prose(rows.get(plan.page_id, {}), "heading") or plan.page_id
         return plans
 
     def _planned_files(self) -> Rows:
@@ -197,28 +187,20 @@ class WikiGenerator(PageRetirementMixin):
 
     # Pages.
 
-    def build(self, track: Track = untracked) -> RunOutcome:
+    def build(self) -> RunOutcome:
         """Write and store every planned page, fresh, and prune; what a person wrote on a page stays."""
-        self.in_run("build", lambda: self._build(track))
+        self.in_run("build", self._build)
         return self.outcome
 
-    def _build(self, track: Track) -> None:
+    def _build(self) -> None:
         self._store_notes()
         self.continue_moved_pages()
         rows = self.stored_pages()
         plans, planned = self.plan(rows), self._planned_files()
         self._prune_retired_pages(rows, {plan.page_id for plan in plans})
         titles = {plan.page_id: self._read(plan, rows).title or plan.title for plan in plans}
-        for plan in track(plans, "Writing pages"):
-            for tries_left in reversed(range(TRIES)):
-                try:
-                    self._save_page(plan, rows, titles, planned)
-                    break
-                except PageChangedError:  # only this page has to be done again, unless others were merged into it
-                    run = cast(Run, self.files.run)
-                    if run.heirs or not tries_left:
-                        raise
-                    run.forget(self.files.page_file(plan.page_id))
+        for plan in progress(plans, "Writing pages"):
+            self._save_page(plan, rows, titles, planned)
             for own_id in map(folder_page_id, plan.own_folders if plan.page_id.endswith("%") else ()):
                 self._place({own_id: Placement(page=plan.page_id, merged=False)})  # its own id was taken
         self.repository.forget_indexed_files(record["path"] for record in self.repository.files_gone())
@@ -239,28 +221,22 @@ class WikiGenerator(PageRetirementMixin):
             page = page._replace(title=None)  # nobody's own
         text = authoring.page_text(plan.title, page, generated)
         _atomic_write(self.files.page_file(plan.page_id), text)
-        if (
-            row.get("status") == "stale"
-        ):  # what was carried here stands in the row, whatever was saved over the file since
-            carried = carry.split_carried(carry.cached_prose(row))[1]
-            cast(Run, self.files.run).keep_cached(plan.page_id, "\n\n".join(carried))
+        if row.get("status") == "stale":  # what a replan put here stands in the row, whatever was saved over it since
+            self.files.run.keep_cached(plan.page_id, carry.cached_prose(row))
         # Files that the index has lost and that are there have a say in the page's fate, too.
         unindexed = [path for path in row.get("source_files") or () if path not in planned]
-        title = [carry.page_title_line(page.title)] if page.title else []  # for a page whose file is deleted
-        cache = {"prose": carry.join_prose([*title, page.prose]), "heading": plan.title, carry.GENERATED: generated}
+        cache = {"prose": page.whole, "heading": plan.title, carry.GENERATED: generated}
         self.repository.save_wiki_page(
             self.branch,
             plan.page_id,
             authoring.clean_text(page.title or plan.title),
             chunks=authoring.split_chunks(carry.join_prose([said, page.prose])),
             build_cache={**(row.get("build_cache") or {}), **cache},
-            description=authoring.first_paragraph(carry.split_carried(page.prose)[0] or said)[:200],
             parent_section=plan.parent,
             source_files=[*plan.judged_files, *filter(lambda path: os.path.lexists(self.repo_root / path), unindexed)],
             source_hashes={path: planned[path]["digest"] for path in plan.judged_files},
             related_pages=plan.related_pages,
-            content_hash=carry.text_digest(text),
-            model="docstrings",
+            content_hash=digest(text),
         )
 
     def continue_moved_pages(self) -> None:
@@ -269,9 +245,8 @@ class WikiGenerator(PageRetirementMixin):
             return
         placements, rows = self.placements(), self.stored_pages()
         ids = {folder_page_id(old): new for old, new in moves.items()}
-        self._place(
-            {folder_page_id(new): placements[own] for own, new in ids.items() if own in placements} | placements
-        )
+        along = {folder_page_id(new): placements[own] for own, new in ids.items() if own in placements}
+        self._place(along | placements)
         plans = self.plan(rows)
         page_of = {folder: plan.page_id for plan in plans for folder in plan.folders}
         seeds: dict[str, str] = {}
@@ -280,8 +255,8 @@ class WikiGenerator(PageRetirementMixin):
         may_go -= {plan.page_id for plan in plans if plan.own_folders}
         for page_id in sorted(may_go):
             if (target := page_of.get(ids[page_id])) and target not in may_go:
-                along = [own_id for own_id, place in self.placements().items() if place["page"] == page_id]
-                self._place({own_id: Placement(page=target, merged=True, was=page_id) for own_id in along})
+                here = [own_id for own_id, place in self.placements().items() if place["page"] == page_id]
+                self._place({own_id: Placement(page=target, merged=True, was=page_id) for own_id in here})
                 self.outcome.moved[page_id] = target
                 if target in rows or seeds.setdefault(target, page_id) != page_id:
                     merged.setdefault(target, []).append(page_id)
@@ -296,14 +271,13 @@ class WikiGenerator(PageRetirementMixin):
         check_page_id(note_id)
         if "/" in note_id:
             raise PageIdError(f"note id {note_id!r} holds a slash; notes lie side by side in one folder")
-        path = self.files.wiki_dir / "notes" / f"{note_id}.md"
-        content = carry.join_prose(map(authoring.clean_text, (carry.page_title_line(title), text))) + "\n"
+        path = self.wiki_dir / "notes" / f"{note_id}.md"
+        content = (carry.PageText(*map(authoring.clean_text, (title, text))).whole + "\n").encode()
 
         def file() -> None:
-            is_there = os.path.lexists(path) and not (path.is_file() and path.read_bytes() == content.encode())
-            if is_there or note_id in self.stored_pages():
+            if os.path.lexists(path) or note_id in self.stored_pages():
                 raise HostError(f"the id {note_id!r} is taken by a page or a note; choose another, or edit {path}")
-            _atomic_write(path, content)
+            write_durably(path, content)
             self._store_notes()
 
         self.in_run("note", file)
@@ -316,11 +290,11 @@ class WikiGenerator(PageRetirementMixin):
             row = rows.get(path.stem) or {"level": NOTE_LEVEL, "content_hash": None}
             with suppress(OSError, HostError):  # the doctor names it
                 text = note_text(path)
-                if row["level"] == NOTE_LEVEL and row["content_hash"] != carry.text_digest(text):
-                    note = carry.read_page(authoring.clean_text(text), {})
-                    fields: dict[str, Any] = {"level": NOTE_LEVEL, "rel_path": f"notes/{path.name}", "model": "person"}
-                    fields |= {"chunks": authoring.split_chunks(note.prose), "content_hash": carry.text_digest(text)}
-                    self.repository.save_wiki_page(self.branch, path.stem, note.title or path.stem, **fields)
+                fields = {"level": NOTE_LEVEL, "rel_path": f"notes/{path.name}", "content_hash": digest(text)}
+                if row["level"] == NOTE_LEVEL and row["content_hash"] != fields["content_hash"]:
+                    title, prose = carry.read_page(authoring.clean_text(text), {})
+                    chunks = authoring.split_chunks(prose)
+                    self.repository.save_wiki_page(self.branch, path.stem, title or path.stem, chunks=chunks, **fields)
 
     # Replans.
 
@@ -342,24 +316,20 @@ class WikiGenerator(PageRetirementMixin):
         return self.in_run("prune", lambda: self._prune(existing, plan_ids, remap))
 
     def _prune(self, existing: Rows, plan_ids: set[str], remap: Mapping[str, str] | None) -> int:
-        run = cast(Run, self.files.run)
-        origins = carry.lineages({} if remap is None else remap)
+        run, origins = self.files.run, carry.lineages({} if remap is None else remap)
         safe = plan_ids.union(*(pages for successor, pages in origins.items() if successor in plan_ids))
         for successor, pages in origins.items():
             check_page_id(successor)
             if successor not in safe:
                 raise ReplanError(
-                    f"page {successor!r} takes prose but is not in the plan, so the prose would go with it; "
-                    "keep the page or merge it on into one that stays"
+                    f"page {successor!r} takes prose but is not in the plan; merge it on into one that is"
                 )
             for page_id in pages:
                 run.heirs.setdefault(page_id, []).append(successor)
             sources = (existing.get(page_id, {}).get("source_files") or () for page_id in pages)
             self._sources_taken[successor] = [path for paths in sources for path in paths]
         run.spared |= {page_id for page_id, row in existing.items() if row.get("level") == NOTE_LEVEL}
-        started = time.perf_counter()
         deleted = super()._prune_retired_pages(existing, plan_ids, remap)
-        self.outcome.seconds += time.perf_counter() - started
         for page_id in run.removed.keys() & existing.keys():
             run.keep_cached(page_id, carry.cached_prose(existing[page_id]))
         self.outcome.deleted += deleted
@@ -368,6 +338,8 @@ class WikiGenerator(PageRetirementMixin):
     def _upsert_successor(self, new_id: str, row: dict[str, Any], files: list[str], carried: Sequence[str]) -> None:
         # Judged by all sources that it took over: too few would not protect it while the index is behind.
         taken = [path for path in self._sources_taken.get(new_id, ()) if path not in files]
+        if (text := self._page_text(new_id)) is not None:  # what a person may replace before the next build
+            row = {**row, "build_cache": {**(row["build_cache"] or {}), "prose": carry.read_page(text, row).whole}}
         super()._upsert_successor(new_id, row, [*files, *dict.fromkeys(taken)], carried)
 
     def _page_text(self, page_id: str) -> str | None:
@@ -377,10 +349,7 @@ class WikiGenerator(PageRetirementMixin):
     # What is kept.
 
     def restore(self, page_id: str, into: str = "", run: str = "") -> str:
-        """Bring a kept text back, that of the last run or of the one given; gives the page that has it now.
-
-        That is its own page if the plan has it (one that was dropped is in the plan again), else the page `into`.
-        """
+        """Bring a kept text back, of the last run or the one given, to its page or the page `into`; gives that page."""
         return self.in_run("restore", lambda: self._restore(page_id, into, run))
 
     def _restore(self, page_id: str, into: str, run: str) -> str:
@@ -397,14 +366,13 @@ class WikiGenerator(PageRetirementMixin):
         if target not in plans:
             raise HostError(f"the plan has no page {target!r}; name one that it has with --into")
         titles = {plan_id: rows.get(plan_id, {}).get("title") or plan.title for plan_id, plan in plans.items()}
-        generated = carry.join_prose(authoring.generated_text(self.repo_root, plans[target], titles))
-        title, prose = self._read(plans[target], rows, generated)
+        title, prose = self._read(plans[target], rows)
         for file in [file for kept, file in found if kept == found[-1][0]]:
             text = decoded(file, file.read_bytes())
             kept = carry.read_page(text, {})
             if carry.is_blank(prose) and not into:
                 title, prose = title or kept.title, kept.prose
-            elif leaves(text, [carry.join_prose([f"# {title}" if title else "", prose])]):
+            elif carry.leaves(text, [carry.PageText(title, prose).whole]):
                 sections = carry.carried_sections([(kept.title or page_id, kept.prose)])
                 prose = carry.with_carried(prose, sections).strip("\n")
         self._save_page(plans[target], rows, titles, self._planned_files(), carry.PageText(title, prose))

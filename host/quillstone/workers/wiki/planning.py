@@ -43,8 +43,8 @@ def plan_pages(
 ) -> list[PagePlan]:
     """Plan the pages of a tree over its indexed source files, given relative to `root`.
 
-    `placements` says what replans did, by the page id that a folder has by itself. A folder whose id is `taken`, by a
-    note for example, gets another. A page that no folder gives a title has "".
+    `placements` says what replans did, by the page id that a folder has by itself. A folder whose id is `taken`, by
+    a note, gets another. A page that no folder gives a title has "".
     """
     paths = sorted(source_paths)
     files = {folder: [*within] for folder, within in groupby(sorted(paths, key=folder_of), folder_of)}
@@ -53,7 +53,7 @@ def plan_pages(
     names.update(taken)
     pages: dict[str, PagePlan] = {}
     page_of: dict[str, PagePlan] = {}
-    for folder in planned_folders(files):
+    for folder in sorted({*files, *(above for within in files for above in _ancestors(within))}):
         own_id = free_id = folder_page_id(folder)
         while free_id in names:
             free_id += "%"
@@ -76,11 +76,6 @@ def folder_of(path: str) -> str:
     return path.rpartition("/")[0]
 
 
-def planned_folders(folders: Iterable[str]) -> list[str]:
-    """The folders and all that they lie in, outermost first."""
-    return sorted({ancestor for folder in folders for ancestor in (folder, *_ancestors(folder))})
-
-
 def moved_folders(gone: Iterable[Mapping[str, Any]], indexed: Iterable[Mapping[str, Any]]) -> dict[str, str]:
     """Find the one folder below which each folder's files stand now, from the records of files gone and there."""
     places: dict[str, list[str]] = {}
@@ -88,9 +83,8 @@ def moved_folders(gone: Iterable[Mapping[str, Any]], indexed: Iterable[Mapping[s
         places.setdefault(record["digest"], []).append(record["path"])
     targets: dict[str, Counter[str]] = {}
     for record in gone:
-        old = record["path"] if record["size"] else ""  # empty files are all alike
-        for new in places.get(record["digest"], ()) if old else ():
-            before, after = old, new
+        for new in places.get(record["digest"], ()) if record["size"] else ():  # empty files are all alike
+            before, after = record["path"], new
             while before != after and before.rpartition("/")[2] == after.rpartition("/")[2]:
                 before, after = folder_of(before), folder_of(after)
                 targets.setdefault(before, Counter())[after] += 1

@@ -1,9 +1,6 @@
 """Replans as people write them, and what became of every page when one was applied or rehearsed."""
 
-import logging
 from collections import Counter
-from collections.abc import Iterator
-from contextlib import contextmanager
 from pathlib import Path
 
 import msgspec
@@ -27,11 +24,6 @@ class Replan(msgspec.Struct, forbid_unknown_fields=True):
         """Every page id that the replan takes away, as often as it does."""
         return [*self.rename, *self.drop, *(page_id for pages in self.merge.values() for page_id in pages)]
 
-    @property
-    def remap(self) -> ReplanRemap:
-        """The seeds and merges for the prune."""
-        return ReplanRemap({new: old for old, new in self.rename.items()}, self.merge)
-
     def holder(self, page_id: str) -> str | None:
         """Where the page's prose ends up: the page at the end of its merges and its renaming, itself in a circle."""
         targets = {merged: successor for successor, pages in self.merge.items() for merged in pages} | self.rename
@@ -41,19 +33,12 @@ class Replan(msgspec.Struct, forbid_unknown_fields=True):
             page_id = targets[page_id]
         return None if page_id in self.drop else page_id
 
-    def plan_ids(self, planned: set[str]) -> set[str]:
-        """The page ids of the plan after the replan, from those before it."""
-        return (planned | self.merge.keys() | set(self.rename.values())).difference(self.retired)
-
 
 class ReplanOutcome(msgspec.Struct):
-    """What became of every page: ids of those that stay and go, `seeded` new to old ones, `merged` old ones to holders.
-
-    `was_applied` says that the same replan was applied before and nothing was left to do.
-    """
+    """What became of every page, by its id; `was_applied`: by an earlier run already, and nothing was left to do."""
 
     kept: list[str] = []
-    seeded: dict[str, str] = {}
+    renamed: dict[str, str] = {}
     merged: dict[str, str] = {}
     index_behind: list[str] = []
     dropped: list[str] = []
@@ -64,40 +49,31 @@ class ReplanOutcome(msgspec.Struct):
 
 
 def read_replan(path: Path) -> Replan:
-    """Read a replan file: a JSON object with any of "merge", "rename" and "drop". Raises `ReplanError`."""
+    """Read a replan file, a JSON object with any of "merge", "rename" and "drop"; raises `ReplanError`, `OSError`."""
     try:
         return msgspec.json.decode(path.read_bytes(), type=Replan)
-    except OSError as error:
-        raise ReplanError(f"cannot read the replan {str(path)!r} ({error.strerror}); give a JSON file") from error
     except (ValueError, RecursionError) as error:
         raise ReplanError(f"{str(path)!r} is not a replan ({error}); correct the file") from error
 
 
 def check_replan(replan: Replan, rows: Rows) -> None:
     """Raise `ReplanError` or `PageIdError` when the replan does not fit the stored pages."""
-    times, new_ids = Counter(replan.retired), Counter(replan.rename.values())
-    named = [*times, *replan.merge]
+    times, new_ids, merging = Counter(replan.retired), Counter(replan.rename.values()), replan.merge.keys()
+    notes = {page_id for page_id, row in rows.items() if row["level"] == NOTE_LEVEL}
+    taken = {page_id for page_id in new_ids if page_id in rows or new_ids[page_id] > 1}
     problems = {
         "is not stored; `quillstone-wiki show` lists the pages": times.keys() - rows.keys(),
-        "is a note and in no plan; delete its file to retire it": {
-            page for page in named if rows.get(page, {}).get("level") == NOTE_LEVEL
-        },
+        "is a note and in no plan; delete its file to retire it": notes & (times.keys() | merging),
         "is named twice; name it once in merge, rename or drop": {page for page in times if times[page] > 1},
         "would be merged into itself; break the circle": {page for page in times if replan.holder(page) == page},
-        "is taken, so no page can get its name; merge into it instead": {
-            page for page in new_ids if page in rows or new_ids[page] > 1
-        },
-        "takes merged pages but goes away itself; merge into one that stays": replan.merge.keys()
-        & {*replan.rename, *replan.drop},
-        "takes merged pages and is not stored; rename one of them to it first": replan.merge.keys()
-        - rows.keys()
-        - new_ids.keys(),
+        "is taken, so no page can get its name; merge into it instead": taken,
+        "takes merged pages but goes away itself; merge into one that stays": merging & {*replan.rename, *replan.drop},
+        "takes merged pages and is not stored; rename one of them to it first": merging - rows.keys() - new_ids.keys(),
     }
-    for page_id in [*replan.merge, *new_ids]:
+    for page_id in [*merging, *new_ids]:
         check_page_id(page_id)
-    for problem, pages in problems.items():
-        if pages:
-            raise ReplanError(f"page {min(pages)!r} {problem}")
+    for problem in filter(problems.get, problems):
+        raise ReplanError(f"page {min(problems[problem])!r} {problem}")
 
 
 def run_replan(generator: WikiGenerator, replan: Replan, dry: bool = False) -> ReplanOutcome:
@@ -118,17 +94,18 @@ def _apply(generator: WikiGenerator, replan: Replan) -> ReplanOutcome:
         raise ReplanError(f"the folder of page {page_id!r} moved: name the page {generator.outcome.moved[page_id]!r}")
     check_replan(replan, before)
     indexed = generator._indexed_paths()
-    with unlogged():
-        for page_id in replan.retired:  # the prune would keep it, with the rest of the replan done
-            behind = generator._retired_only_because_the_index_is_behind(page_id, before[page_id], indexed, before)
-            if behind or not indexed:
-                raise ReplanError(f"the index lacks the sources of page {page_id!r}; run `quillstone-wiki index TREE`")
-    plan_ids = replan.plan_ids({plan.page_id for plan in generator.plan(before)})
+    for page_id in replan.retired:  # the prune would keep it, with the rest of the replan done
+        behind = generator._retired_only_because_the_index_is_behind(page_id, before[page_id], indexed, before)
+        if behind or not indexed:
+            raise ReplanError(f"the index lacks the sources of page {page_id!r}; run `quillstone-wiki index TREE`")
+    plan_ids = {plan.page_id for plan in generator.plan(before)} | replan.merge.keys() | {*replan.rename.values()}
+    plan_ids.difference_update(replan.retired)
+    remap = ReplanRemap({new: old for old, new in replan.rename.items()}, replan.merge)
     generator.repository.put_fact(generator.branch, "last replan", document)
     generator.place_folders(replan.retired, replan.holder, {page for pages in replan.merge.values() for page in pages})
-    generator._apply_replan_to_store(replan.remap, plan_ids)
+    generator._apply_replan_to_store(remap, plan_ids)
     after = generator.stored_pages()
-    outcome.seeded = {new: old for old, new in replan.rename.items() if new in after}
+    outcome.renamed = {old: new for old, new in replan.rename.items() if new in after}
     for page_id, row in before.items():
         is_note, holder = row["level"] == NOTE_LEVEL, replan.holder(page_id)
         if page_id in after:
@@ -141,14 +118,3 @@ def _apply(generator: WikiGenerator, replan: Replan) -> ReplanOutcome:
         elif page_id not in replan.rename:
             outcome.merged[page_id] = str(holder)
     return outcome
-
-
-@contextmanager
-def unlogged() -> Iterator[None]:
-    """Let the prune's rules be asked without warnings of what they keep."""
-    logger = logging.getLogger("quillstone.workers.wiki.page_retirement")
-    was_disabled, logger.disabled = logger.disabled, True
-    try:
-        yield
-    finally:
-        logger.disabled = was_disabled

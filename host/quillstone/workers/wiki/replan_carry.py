@@ -8,18 +8,16 @@ A block is a run of whole lines between two marker lines that repeat a digest of
     its prose, as it was
     <!-- /carried 0123456789abcdef -->
 
-A block whose content no longer has that digest was edited by a person: what they wrote in it is prose like any other.
-So a block recognises itself whatever text surrounds it, and nothing that somebody wrote is taken for generated text.
-The first marker of a generated block also has the digest of the title line that was generated above it. Page files are
-read with universal newlines; so prose gets "\\n" line ends when it becomes a section, to be recognised in them.
+So it recognises itself whatever text surrounds it, and one that a person edited is prose like any other. The first
+marker of a generated block also has the digest of the title line that was generated above it.
 """
 
-import hashlib
 import re
 from collections import Counter
-from collections.abc import Iterable, Mapping, Sequence
-from itertools import dropwhile
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from typing import Any, NamedTuple
+
+from quillstone.workers.wiki.repo_facts import digest
 
 CARRIED = "carried"
 GENERATED = "generated"
@@ -30,10 +28,7 @@ Piece = tuple[str, str]  # the kind of a block and its lines with both markers, 
 
 
 class ReplanRemap(dict[str, str]):
-    """A remap from each new page to the stored one that it continues, with merges beside it.
-
-    `merged` maps each successor's page id to the ids of the pages merged into it, in the order of their prose.
-    """
+    """A remap from new pages to the stored ones that they continue; `merged`: from successors to pages merged there."""
 
     def __init__(self, seeds: Mapping[str, str], merged: Mapping[str, Sequence[str]]) -> None:
         super().__init__(seeds)
@@ -45,25 +40,22 @@ def lineages(remap: Mapping[str, str]) -> dict[str, list[str]]:
     sources: dict[str, list[str]] = {successor: [seed] for successor, seed in remap.items()}
     for successor, merged in getattr(remap, "merged", {}).items():
         sources.setdefault(successor, []).extend(merged)
-
-    def origins(successor: str) -> list[str]:
-        found: dict[str, None] = {}
-        waiting = sources[successor][::-1]
+    origins = {}
+    for successor in sources:
+        found, waiting = {successor: None}, sources[successor][::-1]
         while waiting:
-            page_id = waiting.pop()
-            if page_id != successor and page_id not in found:
+            if (page_id := waiting.pop()) not in found:
                 found[page_id] = None
                 waiting.extend(sources.get(page_id, ())[::-1])
-        return [*found]
-
-    return {successor: origins(successor) for successor in sources}
+        origins[successor] = [*found][1:]
+    return origins
 
 
 def merged_predecessors(remap: Mapping[str, str]) -> dict[str, list[str]]:
     """Map each successor to the pages whose prose goes into it, in that order; the result is the caller's to change.
 
-    With A merged into B and B into C, C lists A too: B's file is read before A's prose reaches it, and then deleted. A
-    successor's own seed is listed only where `merged` names it, since its text is what the successor starts from.
+    With A merged into B and B into C, C lists A too, since B's file is read before A's prose reaches it. A successor's
+    own seed is listed only where `merged` names it, since its text is what the successor starts from.
     """
     named = getattr(remap, "merged", {})
     predecessors = {
@@ -73,12 +65,8 @@ def merged_predecessors(remap: Mapping[str, str]) -> dict[str, list[str]]:
     return {successor: pages for successor, pages in predecessors.items() if pages}
 
 
-def cached_prose(row: Mapping[str, Any]) -> str:
-    """The prose that a page row's build cache holds; "" where there is none."""
-    return _cached(row, "prose")
-
-
-def _cached(row: Mapping[str, Any], name: str) -> str:
+def cached_prose(row: Mapping[str, Any], name: str = "prose") -> str:
+    """The prose that a page row's build cache holds, or another of its texts; "" where there is none."""
     cache = row.get("build_cache")
     value = cache.get(name) if isinstance(cache, dict) else None
     return value if isinstance(value, str) else ""
@@ -110,13 +98,9 @@ def with_carried(text: str, sections: Sequence[str]) -> str:
 
 
 def page_prose(text: str | None, row: Mapping[str, Any]) -> str:
-    """A page's authored prose: its file's text without what was generated, the sections that it holds in place.
-
-    Cached prose stands for a text that is None or blank. A title that a person gave is prose unless the row has it.
-    """
+    """A page's authored prose: its text, or the cached prose for None or a blank one, without what was generated."""
     page = read_page(cached_prose(row) if text is None or is_blank(text) else text, row)
-    is_new = page.title and page.title != row.get("title")
-    return join_prose([f"# {page.title}" if is_new else "", page.prose])
+    return page.prose if page.title == row.get("title") else page.whole
 
 
 class PageText(NamedTuple):
@@ -125,23 +109,23 @@ class PageText(NamedTuple):
     title: str | None
     prose: str
 
+    @property
+    def whole(self) -> str:
+        """Both as one text."""
+        return join_prose([page_title_line(self.title) if self.title else "", self.prose])
+
 
 def read_page(text: str, row: Mapping[str, Any], generated: str = "") -> PageText:
-    """Take a page file's text apart.
-
-    In a generated block that a person edited, all lines are theirs but those that the row's cache or `generated` has.
-    """
+    """Take a page's text apart; in an edited block all but the lines of the row's cache and `generated` are theirs."""
     pieces = split_blocks(text.lstrip("\ufeff"))
-    marks = [
-        mark for kind, piece in pieces if kind != CARRIED for mark in _MARKER.finditer(piece) if mark[2] == GENERATED
-    ]
-    mark = next((mark for mark in _MARKER.finditer(pieces[0][1]) if mark[2] == GENERATED), None)
+    marks = [mark for kind, piece in pieces if kind != CARRIED for mark in _generated_marks(piece)]
+    mark = next(_generated_marks(pieces[0][1]), None)
+    lines = pieces[0][1].split("\n")
     above = pieces[0][1][: mark.start() if mark else None].split("\n")
-    titles = [line for line in above if line.startswith("# ") and text_digest(line) in {mark[4] for mark in marks}]
+    titles = [line for line in above if line.startswith("# ") and digest(line) in {mark[4] for mark in marks}]
     first = next((line for line in above if line.strip()), "")
     heading = titles[0] if titles else first if first.startswith("# ") else ""
     if heading:
-        lines = pieces[0][1].split("\n")
         lines.remove(heading)
         pieces[0] = TEXT, "\n".join(lines)
     # A block that is whole below one that was edited is another page's, which somebody pasted.
@@ -149,24 +133,32 @@ def read_page(text: str, row: Mapping[str, Any], generated: str = "") -> PageTex
     if block is not None:
         del pieces[block]
     prose = join_prose(piece for _, piece in pieces)
-    if block is None and marks:  # somebody edited the block
-        prose = _without_generated(prose, _cached(row, GENERATED).split("\n"), generated.split("\n"))
+    if block is None and marks:  # somebody edited the block: each generated line goes once, the others are theirs
+        known = Counter(cached_prose(row, GENERATED).split("\n")) | Counter(generated.split("\n"))
+        known.update(mark[0] for mark in marks)
+        marks = [*_generated_marks(prose)]
+        start = 0 if marks[0][1] else marks[0].start()
+        end = marks[-1].end() if marks[-1][1] else len(prose)
+        left = [line for line in prose[start:end].split("\n") if not line or known[line] < 1 or known.subtract([line])]
+        prose = join_prose([prose[:start], re.sub("\n{3,}", "\n\n", "\n".join(left)), prose[end:]])
     return PageText(None if titles else " ".join(heading[2:].split()) or None, prose)
 
 
-def _without_generated(text: str, cached: list[str], generated: list[str]) -> str:
-    marks = [mark for mark in _MARKER.finditer(text) if mark[2] == GENERATED]
-    start, end = marks[0].start(), marks[-1].end()
-    if len(marks) > 1:  # between them each generated line goes once, and what is left is a person's
-        known = Counter(cached) | Counter(generated) | Counter(mark[0] for mark in marks)
-        left = [line for line in text[start:end].split("\n") if not line or known[line] < 1 or known.subtract([line])]
-        return join_prose([text[:start], re.sub("\n{3,}", "\n\n", "\n".join(left)), text[end:]])
-    # Next to one that is alone, only generated lines in their order without a gap: better too few than a person's.
-    step = -1 if marks[0][1] else 1
-    lines = (text[:start] if marks[0][1] else text[end:]).split("\n")[::step]
-    expected = iter((cached if any(cached) else generated)[::step])
-    left = [*dropwhile(lambda line: not line or line in expected, lines)][::step]
-    return join_prose(["\n".join(left), text[end:]] if marks[0][1] else [text[:start], "\n".join(left)])
+def _generated_marks(text: str) -> Iterator[re.Match[str]]:
+    return (mark for mark in _MARKER.finditer(text) if mark[2] == GENERATED)
+
+
+def leaves(text: str, texts: Iterable[str]) -> bool:
+    """Whether a person wrote something in the text that stands whole in none of the others."""
+    held = "\n".join(["", *texts, ""])
+    page = read_page(text, {}, generated=held)
+    if page.title and f"# {page.title}\n" not in held:
+        return True
+    for kind, piece in split_blocks(page.prose):
+        text = section_prose(piece) if kind == CARRIED else piece.strip("\n")
+        if not is_blank(text) and f"\n{text}\n" not in held:
+            return True
+    return False
 
 
 def is_blank(text: str) -> bool:
@@ -199,21 +191,13 @@ def join_prose(pieces: Iterable[str]) -> str:
 
 def make_block(kind: str, content: str, heading: str = "") -> str:
     """Put the content between marker lines that carry its digest, and that of the title line above it if given."""
-    digest = text_digest(content)
-    above = f" {text_digest(heading)}" if heading else ""
-    return f"<!-- {kind} {digest}{above} -->\n{content}\n<!-- /{kind} {digest} -->"
+    above = f" {digest(heading)}" if heading else ""
+    return f"<!-- {kind} {digest(content)}{above} -->\n{content}\n<!-- /{kind} {digest(content)} -->"
 
 
 def without_blocks(text: str) -> str:
     """The text with its marker lines made plain ones, for text that is not this wiki's own."""
-    return "\n".join(
-        line.replace("<!--", "<!-- -", 1) if _MARKER.fullmatch(line) else line for line in text.split("\n")
-    )
-
-
-def text_digest(text: str) -> str:
-    """Sixteen hexadecimal digits that stand for the text."""
-    return hashlib.sha256(text.encode("utf-8", "surrogatepass")).hexdigest()[:16]
+    return _MARKER.sub(lambda mark: mark[0].replace("<!--", "<!-- -"), text)
 
 
 def split_blocks(text: str) -> list[Piece]:
@@ -226,7 +210,7 @@ def split_blocks(text: str) -> list[Piece]:
             first = begun.pop((marker[2], marker[3]), None)
             if not marker[1]:
                 begun[marker[2], marker[3]] = number
-            elif first is not None and text_digest("\n".join(lines[first + 1 : number])) == marker[3]:
+            elif first is not None and digest("\n".join(lines[first + 1 : number])) == marker[3]:
                 blocks[first] = marker[2], "\n".join(lines[first : number + 1])
     pieces, end = [], 0
     for first, (kind, block) in sorted(blocks.items()):

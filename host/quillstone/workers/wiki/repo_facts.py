@@ -1,5 +1,6 @@
 """Facts about paths of the repository, and the writer of page files."""
 
+import hashlib
 import os
 import posixpath
 import secrets
@@ -11,10 +12,7 @@ TEMPORARY = ".page-"
 
 
 def _norm(path: str) -> str:
-    """Give the one spelling of a repository-relative path: "./", "//" and ".." folded, Unicode left as it is.
-
-    An absolute path stays absolute. Idempotent.
-    """
+    """Give a path's one spelling: "./", "//" and ".." folded, Unicode left as it is; an absolute one stays absolute."""
     folded = posixpath.normpath(path)
     return folded[1:] if folded.startswith("//") else folded
 
@@ -26,28 +24,30 @@ def _atomic_write(path: Path, text: str) -> None:
     created. Raises `UnicodeEncodeError` for a lone surrogate and `OSError`; the file is then as it was.
     """
     content = text.encode("utf-8")
-    if run := getattr(getattr(path, "files", None), "run", None):  # which sets aside what it replaces
+    if run := getattr(getattr(path, "files", None), "run", None):  # which puts it in place after the commit
         run.replace(path, content)
     else:
         write_durably(path, content, like=path)
 
 
-def write_durably(path: Path, content: bytes, like: Path) -> None:
-    """Make the file whole and on the disk, in one step, with the permission bits of `like` where that exists."""
+def write_durably(path: Path, content: bytes, like: Path | None = None, sync: bool = True) -> None:
+    """Write the file in one step, onto the disk, with the permission bits of `like`; without that it has to be new."""
     path.parent.mkdir(parents=True, exist_ok=True)
     temporary = path.with_name(f"{TEMPORARY}{secrets.token_hex(8)}")
     try:
         with open(temporary, "xb") as stream:  # noqa: PTH123
             with suppress(FileNotFoundError):
-                os.fchmod(stream.fileno(), stat.S_IMODE(like.stat().st_mode))
+                os.fchmod(stream.fileno(), stat.S_IMODE((like or path).stat().st_mode))
             stream.write(content)
             stream.flush()
-            os.fsync(stream.fileno())
-        os.replace(temporary, path)  # noqa: PTH105
+            if sync:
+                os.fsync(stream.fileno())
+        (os.replace if like else os.link)(temporary, path)
     finally:
         with suppress(FileNotFoundError):
             os.unlink(temporary)  # noqa: PTH108
-    sync_folder(path.parent)
+    if sync:
+        sync_folder(path.parent)
 
 
 def sync_folder(folder: Path) -> None:
@@ -57,3 +57,9 @@ def sync_folder(folder: Path) -> None:
         os.fsync(descriptor)
     finally:
         os.close(descriptor)
+
+
+def digest(content: bytes | str) -> str:
+    """Sixteen hexadecimal digits that stand for the content."""
+    content = content if isinstance(content, bytes) else content.encode("utf-8", "surrogatepass")
+    return hashlib.sha256(content).hexdigest()[:16]

@@ -10,34 +10,30 @@ from contextlib import suppress
 from pathlib import Path
 from typing import Any
 
-from quillstone.errors import TreeError
+from quillstone.errors import HostError
 
 SKIPPED_FOLDERS = frozenset({".git", "__pycache__", "node_modules", "site-packages"})
 SNIFFED_BYTES = 8192
 _SOURCE = re.compile(
-    r".*\.(bash|bat|c|cc|cpp|cs|css|cxx|el|exs?|go|h|hh|hpp|hs|java|jl|jsx?|kt|lua|m|mjs|ml|php|p[lm]|ps1|pyi?|pyw|pyx|r|rb|rs"
-    r"|scala|sh|sql|swift|tcl|tsx?|vim|zig)",
-    re.IGNORECASE | re.DOTALL,
+    r"(?is).*\.(bash|bat|c|cc|cpp|cs|css|cxx|el|exs?|go|h|hh|hpp|hs|java|jl|jsx?|kt|lua|m|mjs|ml|php|p[lm]|ps1|pyi?|pyw"
+    r"|pyx|r|rb|rs|scala|sh|sql|swift|tcl|tsx?|vim|zig)"
 )
 
 
 def check_tree(root: Path) -> None:
-    """Raise `TreeError` unless the source tree is a folder that is there."""
+    """Raise `HostError` unless the source tree is a folder that is there."""
     if not root.is_dir():
-        raise TreeError(f"source tree {str(root)!r} is no folder; give the folder that holds the sources")
+        raise HostError(f"source tree {str(root)!r} is no folder; give the folder that holds the sources")
 
 
 def list_files(root: Path, *, without: Path | None = None) -> tuple[list[str], dict[str, str]]:
     """The text files of a tree, sorted relative posix paths, and why others that a person may miss are not listed.
 
     In a git checkout these are all files that it does not ignore, elsewhere all that are in no hidden folder. Links,
-    special and binary files and the folder `without` are passed over. Raises `TreeError` when `root` cannot be read.
+    special and binary files and the folder `without` are passed over. Raises `HostError` and `OSError`.
     """
     check_tree(root)
-    try:
-        listed = _git_files(root) or [*_walk(root)]
-    except OSError as error:
-        raise TreeError(f"cannot read {error.filename!r} ({error.strerror}); check its permissions") from error
+    listed = _git_files(root) or [*_walk(root)]
     avoided = f"{os.path.relpath(os.path.realpath(without), os.path.realpath(root))}/" if without else "../"
     paths, missed = [], {}
     for path in (path for path in listed if not path.startswith(avoided)):
@@ -62,12 +58,11 @@ def list_files(root: Path, *, without: Path | None = None) -> tuple[list[str], d
 
 def file_record(root: Path, path: str) -> dict[str, Any]:
     """What the index records of a file: path, is_source, size in bytes, digest of the content ("" if unreadable)."""
-    size, digest = 0, ""
+    content = None
     with suppress(OSError):
-        if (root / path).is_file():
-            content = (root / path).read_bytes()
-            size, digest = len(content), hashlib.sha256(content).hexdigest()
-    return {"path": path, "is_source": bool(_SOURCE.fullmatch(path)), "size": size, "digest": digest}
+        content = (root / path).read_bytes() if (root / path).is_file() else None
+    digest = "" if content is None else hashlib.sha256(content).hexdigest()
+    return {"path": path, "is_source": bool(_SOURCE.fullmatch(path)), "size": len(content or b""), "digest": digest}
 
 
 def _git_files(root: Path) -> list[str]:

@@ -5,6 +5,7 @@ import pytest
 import sqlalchemy as sa
 
 from quillstone.storage.repository import wiki_pages
+from quillstone.workers.wiki import page_retirement
 from wikis import Wiki
 
 DATABASES = {"sqlite": "sqlite:///{}/store.sqlite", "postgresql": os.environ.get("QUILLSTONE_TEST_DATABASE")}
@@ -31,5 +32,6 @@ def database(request, tmp_path):
 
 
 @pytest.fixture
-def wiki(tmp_path):
-    return Wiki(tmp_path)
+def wiki(monkeypatch):
+    monkeypatch.setattr(page_retirement, "_atomic_write", lambda path, text: path.write_text(text))
+    return Wiki()

@@ -22,7 +22,6 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
-from wikis import write_files
 
 
 class Fault(Exception):
@@ -440,10 +439,13 @@ def test_a_caller_may_let_go_of_the_arguments_in_the_middle_of_a_call():
     assert call() == ["a"]
 
 
-def test_ids_that_are_no_str_are_formatted(wiki):
+def test_ids_that_are_no_str_are_formatted(wiki, tmp_path):
+    wiki.pages_dir = tmp_path / "pages"
+    wiki.pages_dir.mkdir()
+    (tmp_path / "notes").mkdir()
+    (tmp_path / "notes/9.md").touch()
     assert wiki._page_text(7) is None
     wiki.file("7").write_text("seven")
-    write_files(wiki.pages_dir.parent, {"notes/9.md": ""})
     assert wiki._page_text(7) == "seven"
     assert wiki._notes_whose_file_is_gone({8: {"level": "note"}, 9: {"level": "note"}}) == {8}
     for page_id in ("é", "漢", "😀"):
@@ -466,6 +468,6 @@ def test_a_build_cache_is_what_python_takes_for_a_dict():
 
 def test_a_log_record_says_where_it_comes_from(wiki, caplog):
     wiki.page("late")
-    wiki.repository.forget_indexed_files(["indexed.py"])
+    wiki.repository.indexed = []
     wiki._prune_retired_pages(wiki.rows(), set())
     assert [(record.funcName, record.filename) for record in caplog.records] == [("_retired_page_ids", "selection.cpp")]

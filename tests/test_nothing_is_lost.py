@@ -23,7 +23,6 @@ from quillstone.workers.wiki.doctor import examine
 from quillstone.workers.wiki.generator import WikiGenerator
 from quillstone.workers.wiki.replan import Replan, run_replan
 from quillstone.workers.wiki.replan_carry import cached_prose
-from wikis import write_files
 
 PATHS = "top.py a/x.py a/README.md a/b/y.py c/z.py".split()
 SOURCES = {path: f'"""What {path} is for."""\n' if path.endswith(".py") else "# On A\n\nSaid.\n" for path in PATHS}
@@ -43,6 +42,12 @@ def tokens(*texts, passed_over=r"(?m)^- \[.*\]\(.*\.md\)\r?$"):
     return Counter(re.findall(r"(?:main|other)\d+", re.sub(passed_over, "", "\n".join(texts))))
 
 
+def write_files(folder, files):
+    for name, text in files.items():
+        (folder / name).parent.mkdir(parents=True, exist_ok=True)
+        (folder / name).write_text(text, "utf-8")
+
+
 def read(path):
     return path.read_bytes().decode() if path.is_file() else ""
 
@@ -55,7 +60,8 @@ class World(RuleBasedStateMachine):
     def __init__(self, folder, url):
         super().__init__()
         self.folder = Path(mkdtemp(dir=folder))
-        self.tree = write_files(self.folder / "tree", SOURCES)
+        self.tree = self.folder / "tree"
+        write_files(self.tree, SOURCES)
         self.url = f"sqlite:///{self.folder}/store.sqlite" if url.startswith("sqlite") else url
         self.alive, self.said, self.may_repeat, self.strangers = set(), 0, Counter(), set()
         self.open_store()

@@ -9,7 +9,6 @@ from quillstone.errors import HostError
 from quillstone.storage import repository as storage
 from quillstone.workers.wiki import wiki_lock
 from quillstone.workers.wiki.generator import WikiGenerator
-from wikis import write_files
 
 
 @pytest.mark.parametrize("failure", [ValueError, KeyboardInterrupt, GeneratorExit])
@@ -37,7 +36,9 @@ def test_runs_take_turns_and_who_waits_is_told_for_whom(database, tmp_path, monk
     """On a wiki, and on a branch that two checkouts have."""
     monkeypatch.setattr(wiki_lock, "LONGEST_WAIT", 0)
     monkeypatch.setattr(storage, "SQLITE_BUSY_SECONDS", 0)
-    write_files(tmp_path, {"a.py": "", f"{folder}/pages/root.md": "by hand \0"})  # which not every database takes
+    (tmp_path / folder / "pages").mkdir(parents=True)
+    (tmp_path / folder / "pages/root.md").write_text("by hand \0")  # which not every database takes
+    (tmp_path / "a.py").touch()
     with closing(storage.Repository(database)) as one, closing(storage.Repository(database)) as two:
         holder = WikiGenerator(one, tmp_path, "main", tmp_path / "one")
         waiter = WikiGenerator(two, tmp_path, "main", tmp_path / folder)

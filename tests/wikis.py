@@ -1,28 +1,36 @@
-"""A wiki to prune: a real store, real files, and the module's methods over them."""
+"""A wiki without input or output, for the module's methods to work on."""
 
-from quillstone.storage.repository import Repository
+from memory_host import RowStore
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 
 
-def write_files(folder, files):
-    for name, text in files.items():
-        (folder / name).parent.mkdir(parents=True, exist_ok=True)
-        (folder / name).write_text(text, "utf-8")
-    return folder
+class MemoryFile(str):
+    """A path below a dict of texts."""
+
+    files: dict
+    is_dir = lambda self: False
+    is_file = lambda self: self in self.files
+    read_text = lambda self, encoding=None: self.files[self]
+    write_text = lambda self, text, encoding=None: self.files.update({self: text})
+    unlink = lambda self, missing_ok: self.files.pop(self, None)
+
+    def __truediv__(self, name):
+        file = MemoryFile(name)
+        file.files, file.parent = self.files, self
+        return file
 
 
 class Wiki(PageRetirementMixin):
-    def __init__(self, folder):
-        self.repository, self.branch = Repository(f"sqlite:///{folder / 'wiki.db'}"), "main"
-        self.repo_root, self.pages_dir = folder / "tree", folder / "wiki" / "pages"
-        self.pages_dir.mkdir(parents=True)
-        self.repository.record_indexed_files([{"path": "indexed.py"}])
+    def __init__(self):
+        root = MemoryFile()
+        root.files = {}
+        self.repository, self.branch, self.repo_root, self.pages_dir = RowStore([]), "main", root, root / "" / ""
 
     def page(self, page_id):
         prose = f"Prose of {page_id}."
-        row = {"title": page_id.title(), "source_files": ["indexed.py"], "build_cache": {"prose": prose}, "chunks": []}
+        row = {"title": page_id.title(), "source_files": ["indexed.py"], "build_cache": {"prose": prose}}
         self.repository.save_wiki_page("main", page_id, **row)
-        self.file(page_id).write_text(prose, "utf-8")
+        self.file(page_id).write_text(prose)
 
     def file(self, page_id):
         return self.pages_dir / f"{page_id}.md"

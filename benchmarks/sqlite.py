@@ -45,7 +45,6 @@ def store(wiki: Wiki, folder: Path) -> None:
     with host.repository.db.transaction() as connection:
         connection.execute(sa.insert(wiki_pages), [{"branch": BRANCH, **defaults, **row} for row in wiki.rows])
         connection.execute(sa.insert(branch_files), [record | {"branch": BRANCH} for record in wiki.indexed])
-    host.repository.close()
     for page_id, text in wiki.pages_with_file():
         (folder / "pages" / f"{page_id}.md").write_text(text)
     for note in wiki.notes_with_file:
@@ -62,11 +61,7 @@ def store(wiki: Wiki, folder: Path) -> None:
 def copied(folder: Path) -> Iterator[WikiGenerator]:
     """A host over a copy of the stored wiki, for a run that changes it."""
     with scratch() as root:
-        host = opened(shutil.copytree(folder, root / "copy"))
-        try:
-            yield host
-        finally:
-            host.repository.close()
+        yield opened(shutil.copytree(folder, root / "copy"))
 
 
 def replan(host: WikiGenerator, wiki: Wiki) -> None:

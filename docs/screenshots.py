@@ -3,7 +3,6 @@
 import io
 import re
 import tempfile
-from contextlib import closing
 from pathlib import Path
 
 from rich.console import Console
@@ -13,7 +12,8 @@ from quillstone.storage.repository import Repository
 from quillstone.wiki_cli.app import outcome_report
 from quillstone.workers.wiki.generator import WikiGenerator
 
-with tempfile.TemporaryDirectory() as folder, closing(Repository(f"sqlite:///{folder}/wiki.sqlite")) as store:
+with tempfile.TemporaryDirectory() as folder:
+    store = Repository(f"sqlite:///{folder}/wiki.sqlite")
     result = run_demo(WikiGenerator(store, default_tree(), "main", Path(folder)))
 if any(result.checks.values()):
     raise SystemExit(f"nothing is drawn: {result.checks}")

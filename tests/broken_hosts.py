@@ -310,7 +310,7 @@ BROKEN = {
 
 
 def break_host(broken, folder):
-    DemoHost(folder).store.close()  # a store that is whole, for what is broken to be used on
+    DemoHost(folder)  # a store that is whole, for what is broken to be used on
     _, owner, attribute, change = BROKEN[broken]
     real = getattr(owner, attribute)
     changed = (lambda *arguments, **fields: change(real, *arguments, **fields)) if callable(change) else change

@@ -98,11 +98,11 @@ STORIES = {
 }  # fmt: skip
 # What lies in the place of three page files, whose texts stand outside then.
 PUT = "set -e\ncd wiki/pages\nfor page in lone family a.b\ndo mv $page.md ../../own.$page\n%s $page.md\ndone; "
-for make in ["mkfifo", "ln -s none", "ln -s ../../own.$page", "ln ../../own.$page"]:
+for make in ["ln -s ../../own.$page", "ln ../../own.$page"]:
     STORIES[f"{make} PAGE"] = PUT % make + REPLAN, REPLANNED, ""
 REFUSED = '2 {"rename": {"family": "kin"}}; 2 {"merge": {"a": ["a.b"]}}; {"drop": ["lone"]}; '
 REFUSED += "rm -r wiki/pages/family.md wiki/pages/a.b.md; build"
-for make in ["ln -s /proc/self/mem", "mkdir", r"printf '\377' >"]:
+for make in ["mkfifo", "ln -s none", "ln -s /proc/self/mem", "mkdir", r"printf '\377' >"]:
     STORIES[f"{make} PAGE"] = PUT % make + REFUSED, {"lone": ""}, ""
 
 

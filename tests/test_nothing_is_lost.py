@@ -26,7 +26,7 @@ from quillstone.workers.wiki.replan_carry import cached_prose
 
 PATHS = "top.py a/x.py a/README.md a/b/y.py c/z.py".split()
 SOURCES = {path: f'"""What {path} is for."""\n' if path.endswith(".py") else "# On A\n\nSaid.\n" for path in PATHS}
-FOLDERS = "a a/b c d/e f".split()
+FOLDERS = "a a/b c d/page-e f".split()
 NAMES = "a c f new s/t n0".split()  # what renamed pages, notes and strangers' files are called, pages' names among them
 EDITS = "append insert title cut crlf bom blank delete".split()
 PICK = st.integers(0, 99)

@@ -178,10 +178,6 @@ class Repository:
         """Open the store, for example "sqlite:///wiki.sqlite", for the index of `branch`; raises `HostError`."""
         self.db, self.branch = Database(url), branch
 
-    def close(self) -> None:
-        """Close the database's connections."""
-        self.db.engine.dispose()
-
     def get_wiki_pages(self, branch: str) -> list[dict[str, Any]]:
         """The branch's page rows, notes included, by page id; JSON fields are decoded."""
         return self._rows(sa.select(wiki_pages).filter_by(branch=branch).order_by(wiki_pages.c.page_id))

@@ -89,7 +89,6 @@ class Given:
             yield generator
         finally:
             signal.signal(signal.SIGINT, before)
-            repository.close()
 
 
 def command(example: str) -> Callable[[Callable[..., None]], Callable[..., None]]:

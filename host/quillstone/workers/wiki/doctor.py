@@ -1,5 +1,6 @@
 """What is out of order in a wiki, and what to do about it; nothing is changed."""
 
+import os
 from collections import Counter
 from collections.abc import Iterator
 from dataclasses import dataclass
@@ -62,8 +63,8 @@ def examine(generator: WikiGenerator) -> Iterator[Finding]:
 
 def _page_file(generator: WikiGenerator, page_id: str) -> Iterator[Finding]:
     path = generator.files.page_file(page_id)
-    if path.is_dir():
-        yield Finding("folder in a file's place", page_id, "move it elsewhere: no run goes on before that")
+    if os.path.lexists(path) and not path.is_file():
+        yield Finding("no file in a page's place", page_id, "move what is there elsewhere: no run goes on before that")
     elif not path.is_file():
         yield Finding("page without a file", page_id, f"its prose is in the store alone: {BUILD}")
     else:

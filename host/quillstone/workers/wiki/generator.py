@@ -20,7 +20,7 @@ from quillstone.workers.wiki import replan_carry as carry
 from quillstone.workers.wiki.page_files import PageFiles, Run, decoded
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
 from quillstone.workers.wiki.planning import Placement, folder_page_id, moved_folders, plan_pages
-from quillstone.workers.wiki.repo_facts import _atomic_write, digest, write_durably
+from quillstone.workers.wiki.repo_facts import TEMPORARY, _atomic_write, digest, write_durably
 from quillstone.workers.wiki.source_tree import file_record, list_files
 from quillstone.workers.wiki.wiki_lock import WikiLock, whoami
 from quillstone.workers.wiki_types import NOTE_LEVEL, PagePlan, Rows
@@ -286,6 +286,8 @@ class WikiGenerator(PageRetirementMixin):
     def _store_notes(self) -> None:
         # A note is its file: one without a row is filed, one that was edited is stored again.
         rows = self.stored_pages()
+        for left in (self.wiki_dir / "notes").glob(TEMPORARY + "[0-9a-f]" * 16):
+            left.unlink()
         for path in sorted((self.wiki_dir / "notes").glob("*.md")):
             row = rows.get(path.stem) or {"level": NOTE_LEVEL, "content_hash": None}
             with suppress(OSError, HostError):  # the doctor names it

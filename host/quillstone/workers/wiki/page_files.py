@@ -16,7 +16,7 @@ from tempfile import mkdtemp
 from typing import Any, ClassVar
 
 from quillstone.errors import PageChangedError, PageFileError
-from quillstone.workers.wiki.replan_carry import leaves
+from quillstone.workers.wiki.replan_carry import leaves, read_page
 from quillstone.workers.wiki.repo_facts import TEMPORARY, digest, sync_folder, write_durably
 
 UNFINISHED = ".part"
@@ -64,7 +64,7 @@ class PageFiles:
     def texts(self) -> Iterator[str]:
         """What stands on any page and in what is kept."""
         for file in [*texts_below(self.pages_dir), *(file for *_, file in self.kept())]:
-            yield from _text(file)
+            yield from (part for text in _text(file) for part in (text, read_page(text, {}).whole))
 
     def kept(self, run: str = "*") -> Iterator[tuple[str, str, Path]]:
         """What is kept, oldest first: run, page id, file."""
@@ -98,10 +98,11 @@ class Run:
             return PosixPath.is_file(path)
         if (page_id := page_id_of(path, pages_dir)) in self.staged or page_id in self.removed:
             return page_id in self.staged
-        above = [folder for folder in path.parents if pages_dir in folder.parents]
-        if path.is_dir() or any(map(os.path.islink, above)) or any(map(os.path.isfile, (*above, pages_dir))):
-            raise PageFileError(f"{path} cannot be a page's file: a folder, file or link is in the way; move that")
-        if not (is_there := PosixPath.is_file(path)):
+        is_there, above = PosixPath.is_file(path), [folder for folder in path.parents if pages_dir in folder.parents]
+        is_odd = os.path.lexists(path) and not is_there
+        if is_odd or any(map(os.path.islink, above)) or any(map(os.path.isfile, (*above, pages_dir))):
+            raise PageFileError(f"{path} cannot be a page's file: something that is none is in the way; move that")
+        if not is_there:
             self._check(page_id, None)
         return is_there
 
@@ -150,10 +151,12 @@ class Run:
         for page_id in {*self.staged, *self.removed, *(heir for heirs in self.heirs.values() for heir in heirs)}:
             if page_id in self._seen:
                 self._check(page_id, _digest_at(self.files.page_file(page_id)))
-        if self.removed or self.staged:
-            (self.folder / "probe").mkdir(parents=True, exist_ok=True)  # by which the next run knows of this one
-        for _ in range(2 if self.staged and not self.dry else 0):
-            exchange(self.folder / "pages", self.folder / "probe")
+        if (self.removed or self.staged) and not self.dry:
+            probes = self.folder / "probe", self.files.pages_dir / f"{TEMPORARY}probe"
+            for probe in probes:
+                probe.mkdir(parents=True, exist_ok=True)
+            exchange(*probes)
+            probes[1].rmdir()
 
     # Its end.
 
@@ -171,7 +174,7 @@ class Run:
             self._put_in_place(self._entry(page_id), self.files.page_file(page_id), seen, made)
         for page_id in self.removed:
             path, entry = self.files.page_file(page_id), self._entry(page_id)
-            if os.path.lexists(path) and not path.is_dir() and not os.path.lexists(entry):
+            if (path.is_symlink() or PosixPath.is_file(path)) and not os.path.lexists(entry):
                 entry.parent.mkdir(parents=True, exist_ok=True)
                 path.rename(entry)
         for folder in {self.files.page_file(page_id).parent for page_id in (*self.staged, *self.removed)}:
@@ -185,7 +188,7 @@ class Run:
         if _digest_at(entry) != made or _digest_at(path) != seen:
             return
         path.parent.mkdir(parents=True, exist_ok=True)
-        if os.path.lexists(path):
+        if seen:
             exchange(entry, path)
             if not entry.is_symlink() and _digest_at(entry) != seen:
                 exchange(entry, path)
@@ -198,7 +201,7 @@ class Run:
         read: dict[Path, list[str]] = {}
         for file in [*texts_below(part)]:
             texts = self._texts(page_id_of(file, part), read) if held is None else held
-            if TEMPORARY in file.name or not must_stay(file, texts):
+            if (file.name.startswith(TEMPORARY) and not file.suffix) or not must_stay(file, texts):
                 file.unlink()
         for folder, _, _ in os.walk(self.folder, topdown=False):
             with suppress(OSError):

@@ -5,8 +5,6 @@ import pytest
 import sqlalchemy as sa
 
 from quillstone.storage.repository import wiki_pages
-from quillstone.workers.wiki import page_retirement
-from wikis import Wiki
 
 DATABASES = {"sqlite": "sqlite:///{}/store.sqlite", "postgresql": os.environ.get("QUILLSTONE_TEST_DATABASE")}
 FIGURES = Counter()
@@ -19,8 +17,7 @@ def pytest_terminal_summary(terminalreporter):
 
 @pytest.fixture
 def figures():
-    """What was tried, by name, counted over the run and told at its end: `figures["kills survived"] += 1`."""
-    return FIGURES
+    return FIGURES  # what was tried, by name, told at the end of the run
 
 
 @pytest.fixture(params=[name for name, url in DATABASES.items() if url])
@@ -29,9 +26,3 @@ def database(request, tmp_path):
     url = DATABASES[request.param].format(tmp_path)
     wiki_pages.metadata.drop_all(sa.create_engine(url, poolclass=sa.NullPool))
     return url
-
-
-@pytest.fixture
-def wiki(monkeypatch):
-    monkeypatch.setattr(page_retirement, "_atomic_write", lambda path, text: path.write_text(text))
-    return Wiki()

@@ -1,7 +1,4 @@
-"""A PostgreSQL server of its own for one command: `python postgres_server.py COMMAND...`.
-
-The command finds the server's URL in QUILLSTONE_TEST_DATABASE; nothing of the server is left when it ends.
-"""
+"""Runs a command with a PostgreSQL server of its own, which it finds by the URL in QUILLSTONE_TEST_DATABASE."""
 
 import os
 import shutil

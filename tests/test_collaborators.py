@@ -53,4 +53,5 @@ def test_what_people_write_on_a_page_is_theirs_wherever_it_stands(prose, where, 
         again = page_text("T", page, generated)
         assert lines(prose, *written) <= lines(again) and again.count(generated) == 1
         assert carry.read_page(f"\ufeff{again}", row) == page and not leaves(changed, [again])
+        assert leaves(f"{changed}\nonly here", [again])
         assert written or (page.title == title and lines(page.prose) == lines(prose))

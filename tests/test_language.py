@@ -22,6 +22,7 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
+from wikis import Wiki
 
 
 class Fault(Exception):
@@ -134,6 +135,12 @@ def test_members_of_modules_are_looked_up_at_each_use(monkeypatch):
     monkeypatch.undo()
     host._upsert_successor("new", {}, [], ())
     assert calls == ["patched", "dumps 0", "dumps 1", "no module", "{}"]
+
+
+@pytest.fixture
+def wiki(monkeypatch):
+    monkeypatch.setattr(page_retirement, "_atomic_write", lambda path, text: path.write_text(text))
+    return Wiki()
 
 
 def test_pairs_come_from_a_real_generator(wiki, monkeypatch):

@@ -25,14 +25,10 @@ def test_a_transaction_keeps_all_or_nothing(database, failure):
         save("p")
         assert store.get_wiki_pages("main")
     assert store.get_wiki_pages("main") == []
-    for bad in ["", ".", "a/../../x", "/x", "a//b", "a/", "a\\b", "a\0b", "\ud800", "é" * 127, "json.md/a"]:
-        with pytest.raises(HostError, match="page id"):
-            save(bad)
 
 
 @pytest.mark.parametrize(("folder", "told"), [("one", "the wiki"), ("two", "branch 'main'|database is locked")])
 def test_runs_take_turns_and_who_waits_is_told_for_whom(database, tmp_path, monkeypatch, folder, told):
-    """On a wiki, and on a branch that two checkouts have."""
     monkeypatch.setattr(wiki_lock, "LONGEST_WAIT", 0)
     monkeypatch.setattr(storage, "SQLITE_BUSY_SECONDS", 0)
     (tmp_path / folder / "pages").mkdir(parents=True)

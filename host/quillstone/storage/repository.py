@@ -16,7 +16,7 @@ from quillstone.errors import HostError, PageIdError
 from quillstone.workers.wiki.wiki_lock import wait_for
 
 SQLITE_BUSY_SECONDS = 30
-LONGEST_PAGE_ID = 200  # bytes of each part; file systems take 255, and a run sets marks of its own beside the name
+LONGEST_PAGE_ID = 200  # bytes of each part; file systems take 255
 _INSERT: dict[str, Any] = {"sqlite": sqlite.insert, "postgresql": postgresql.insert}
 
 INDEXED, EXCLUDED, GONE = "indexed", "excluded", "gone"  # planned for; left out though there; gone since the last build
@@ -125,8 +125,8 @@ class Database:
         with self.engine.connect() as connection:
             connection = connection.execution_options(writes=True)
             with connection.begin() as begun:
-                self._threads.connection, self._threads.has_failed = connection, False
                 try:
+                    self._threads.connection, self._threads.has_failed = connection, False
                     yield connection
                     if self._threads.has_failed:
                         raise HostError("a part of this transaction failed, so none of it counts; run it again")

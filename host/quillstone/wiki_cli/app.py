@@ -118,7 +118,7 @@ def index(given: Given, wiki: WikiGenerator, tree: TreeFolder) -> None:
     sources, files, missed = wiki.index()
     facts = {"source_files": sources, "files": files, "missed": missed}
     told = [f"Missed {path}: {why}." for path, why in missed.items()]
-    given.say(facts, f"Indexed {sources} source files of {files} files.", *told)
+    given.say(facts, *run_lines(wiki.outcome), f"Indexed {sources} source files of {files} files.", *told)
 
 
 @command("build --wiki ~/src/project/wiki")
@@ -137,12 +137,12 @@ def note(
 ) -> None:
     """File a research note, its text read from standard input. Delete its file to retire it."""
     path = wiki.file_note(note_id, title or note_id, sys.stdin.buffer.read().decode("utf-8"))
-    given.say({"note": note_id, "file": str(path)}, f"Filed {path}")
+    given.say({"note": note_id, "file": str(path)}, *run_lines(wiki.outcome), f"Filed {path}")
 
 
 @command("preview replan.json")
 def preview(given: Given, wiki: WikiGenerator, replan: ReplanFile) -> None:
-    """Show what a replan would retire, keep and merge; nothing is changed."""
+    """Show what a replan would retire, keep and merge. Changes nothing, but ends a run that was stopped before."""
     outcome = run_replan(wiki, read_replan(replan), dry=True)
     given.say(outcome, *outcome_report(outcome, "What would become of the pages"))
 
@@ -176,9 +176,11 @@ def restore(
     into: Annotated[str, typer.Option(help="The page to put it into. Default: its own, where the plan has that.")] = "",
     run: Annotated[str, typer.Option(help="The run that took it out. Default: the last one.")] = "",
 ) -> None:
-    """Bring back a page's text that is kept in retired/; a page that was dropped is in the plan again."""
+    """Bring back a page's text, which stays in retired/, too; a page that was dropped is in the plan again."""
     target = wiki.restore(page, into, run)
-    given.say({"page": page, "restored_in": target}, f"The text of {page} stands in page {target}.")
+    given.say(
+        {"page": page, "restored_in": target}, *run_lines(wiki.outcome), f"The text of {page} is on page {target}."
+    )
 
 
 @command("show json")
@@ -196,7 +198,7 @@ def show(
     if page not in rows:
         raise HostError(f"no page {page!r} is stored; `quillstone-wiki show` lists the pages")
     path = given.wiki / rows[page]["rel_path"]
-    text = path.read_text("utf-8") if path.is_file() else ""
+    text = path.read_text("utf-8") if path.is_file() else rows[page]["build_cache"].get("prose", "")
     given.say({**rows[page], "text": text}, text.rstrip("\n"))
 
 
@@ -244,7 +246,7 @@ def kept_row(kept: tuple[str, str, Path]) -> dict[str, str]:
     run, page_id, path = kept
     lines = path.read_text("utf-8", errors="replace").splitlines() if path.is_file() else []
     said = (line.strip()[:80] for line in lines if line.strip() and not line.startswith("<!--"))
-    return {"run": run, "page_id": page_id, "kept_as": path.name, "first_line": next(said, "")}
+    return {"run": run, "page_id": page_id, "kept_as": str(path).rpartition(f"{run}/")[2], "first_line": next(said, "")}
 
 
 def run_lines(outcome: RunOutcome) -> list[str]:
@@ -266,7 +268,7 @@ def outcome_kinds(outcome: ReplanOutcome) -> dict[str, list[str]]:
 
 
 def outcome_report(outcome: ReplanOutcome, title: str) -> list[Any]:
-    """What became of every kind of page, the warnings, and how long the prune took."""
+    """What became of every kind of page, and what a person has to know of the run."""
     shown = []
     for kind, pages in outcome_kinds(outcome).items():
         examples = ", ".join(pages[:EXAMPLES]) + ", ..." * (len(pages) > EXAMPLES)

@@ -1,12 +1,11 @@
 """The wiki generator: indexes a source tree, plans and writes its pages, files notes, prunes, brings texts back."""
 
 import os
-import secrets
 import shutil
-import time
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from contextlib import suppress
 from dataclasses import dataclass, field
+from datetime import datetime, timezone
 from pathlib import Path
 from typing import Any, TypeVar, cast
 
@@ -31,8 +30,7 @@ TRIES = 5  # of a run, while somebody saves pages that it has read
 
 def progress(steps: list[Any], label: str) -> Iterable[Any]:
     """Show a bar on standard error while the steps are gone through, where that is a terminal."""
-    console = Console(stderr=True)
-    return track(steps, label, console=console, disable=not console.is_terminal)
+    return track(steps, label, console=Console(stderr=True), disable=not os.isatty(2))
 
 
 @dataclass
@@ -79,10 +77,10 @@ class WikiGenerator(PageRetirementMixin):
         if self.files.run:
             return work()
         with self.lock.held():
-            recovered, kept = self._recover()
+            self.files.stopping, (recovered, kept) = False, self._recover()
             for tries_left in reversed(range(TRIES)):
                 self.outcome = RunOutcome(recovered=recovered)
-                run = Run(self.files, f"{time.strftime('%Y-%m-%dT%H-%M-%S')}-{command}-{secrets.token_hex(3)}", dry)
+                run = Run(self.files, f"{datetime.now(timezone.utc):%Y-%m-%dT%H-%M-%S.%f}-{command}", dry)
                 try:
                     result = self._attempt(run, work)
                     break
@@ -90,7 +88,7 @@ class WikiGenerator(PageRetirementMixin):
                     if not tries_left:
                         raise
                 finally:
-                    self.files.run, self.files.stopping = None, False
+                    self.files.run = None
             self.outcome.kept_texts = kept | self.outcome.kept_texts
         return result
 
@@ -120,24 +118,23 @@ class WikiGenerator(PageRetirementMixin):
         # Finish a run that was committed; only the store knows whether it was.
         if changes := None if run.dry else self.repository.get_fact("", f"run {run.id}"):
             run.staged, run.removed, run.heirs = changes["staged"], changes["removed"], changes["heirs"]
-            try:
-                self.outcome.kept_texts |= run.finish()
-            except OSError as error:
-                raise HostError(f"all is stored, but a file is not in place ({error}); run a build") from error
+            self.outcome.kept_texts |= run.finish()
             self.repository.put_fact("", f"run {run.id}", None)
         return bool(changes)
 
     def _recover(self) -> tuple[list[str], dict[str, str]]:
         # End the runs that were stopped; gives what became of them, and which texts are kept of them.
         self.outcome = RunOutcome()
+        for left in self.wiki_dir.glob(f"[np]*/{TEMPORARY}{'[0-9a-f]' * 16}"):
+            left.rmdir() if left.is_dir() else left.unlink()
         for run_id in self.files.unfinished():
             with self.repository.db.transaction():
                 self.repository.db.take_turn(self.branch, whoami())
-                run, fate = Run(self.files, run_id), "was committed; it is finished now"
+                run, fate = Run(self.files, run_id), "was stopped after its commit; it is finished now"
                 if not self._settle(run):
-                    fate = "was stopped; it is taken back"
+                    fate = "had changed nothing when it was stopped"
                     stored = map(carry.cached_prose, self.stored_pages().values())
-                    self.outcome.kept_texts |= run.end(run.folder, [*stored, *self.files.texts()])
+                    self.outcome.kept_texts |= run.end(run.folder, carry.joined([*stored, *self.files.texts()]))
             self.outcome.recovered.append(f"{run_id}, {fate}")
         return self.outcome.recovered, self.outcome.kept_texts
 
@@ -240,7 +237,7 @@ class WikiGenerator(PageRetirementMixin):
         )
 
     def continue_moved_pages(self) -> None:
-        """Where all of a folder stands below another now, let its page go on there, as a renaming would."""
+        """Where most of a folder stands below another now, let its page go on there, as a renaming would."""
         if not (moves := moved_folders(self.repository.files_gone(), self._planned_files().values())):
             return
         placements, rows = self.placements(), self.stored_pages()
@@ -286,8 +283,6 @@ class WikiGenerator(PageRetirementMixin):
     def _store_notes(self) -> None:
         # A note is its file: one without a row is filed, one that was edited is stored again.
         rows = self.stored_pages()
-        for left in (self.wiki_dir / "notes").glob(TEMPORARY + "[0-9a-f]" * 16):
-            left.unlink()
         for path in sorted((self.wiki_dir / "notes").glob("*.md")):
             row = rows.get(path.stem) or {"level": NOTE_LEVEL, "content_hash": None}
             with suppress(OSError, HostError):  # the doctor names it
@@ -341,7 +336,7 @@ class WikiGenerator(PageRetirementMixin):
         # Judged by all sources that it took over: too few would not protect it while the index is behind.
         taken = [path for path in self._sources_taken.get(new_id, ()) if path not in files]
         if (text := self._page_text(new_id)) is not None:  # what a person may replace before the next build
-            row = {**row, "build_cache": {**(row["build_cache"] or {}), "prose": carry.read_page(text, row).whole}}
+            row = {**row, "build_cache": {**(row.get("build_cache") or {}), "prose": carry.read_page(text, row).whole}}
         super()._upsert_successor(new_id, row, [*files, *dict.fromkeys(taken)], carried)
 
     def _page_text(self, page_id: str) -> str | None:

@@ -16,11 +16,11 @@ from tempfile import mkdtemp
 from typing import Any, ClassVar
 
 from quillstone.errors import PageChangedError, PageFileError
-from quillstone.workers.wiki.replan_carry import leaves, read_page
-from quillstone.workers.wiki.repo_facts import TEMPORARY, digest, sync_folder, write_durably
+from quillstone.workers.wiki.replan_carry import joined, leaves, read_page
+from quillstone.workers.wiki.repo_facts import TEMPORARY, digest, sync_below, sync_folder, write_durably
 
 UNFINISHED = ".part"
-RENAME_EXCHANGE, AT_FDCWD = 2, -100  # of renameat2(2)
+RENAME_NOREPLACE, RENAME_EXCHANGE, AT_FDCWD = 1, 2, -100  # of renameat2(2)
 
 
 class PagePath(PosixPath):
@@ -30,10 +30,10 @@ class PagePath(PosixPath):
     files: "ClassVar[PageFiles]"
 
     def is_file(self) -> bool:
-        """Whether there is a text; raises `PageFileError` for a folder in its place, or a path that leads elsewhere."""
+        """Whether there is a text; during a run, raises what `check_place` does."""
         return self.files.run.is_file(self) if self.files.run else super().is_file()
 
-    def read_text(self, encoding: str | None = None, errors: str | None = None, newline: str | None = None) -> str:
+    def read_text(self, encoding: str | None = None, errors: str | None = None) -> str:
         """The text with universal newlines; raises `PageFileError` for one that is not UTF-8."""
         return decoded(self, self.files.run.read(self) if self.files.run else self.read_bytes())
 
@@ -64,7 +64,7 @@ class PageFiles:
     def texts(self) -> Iterator[str]:
         """What stands on any page and in what is kept."""
         for file in [*texts_below(self.pages_dir), *(file for *_, file in self.kept())]:
-            yield from (part for text in _text(file) for part in (text, read_page(text, {}).whole))
+            yield from _text(file)
 
     def kept(self, run: str = "*") -> Iterator[tuple[str, str, Path]]:
         """What is kept, oldest first: run, page id, file."""
@@ -98,11 +98,8 @@ class Run:
             return PosixPath.is_file(path)
         if (page_id := page_id_of(path, pages_dir)) in self.staged or page_id in self.removed:
             return page_id in self.staged
-        is_there, above = PosixPath.is_file(path), [folder for folder in path.parents if pages_dir in folder.parents]
-        is_odd = os.path.lexists(path) and not is_there
-        if is_odd or any(map(os.path.islink, above)) or any(map(os.path.isfile, (*above, pages_dir))):
-            raise PageFileError(f"{path} cannot be a page's file: something that is none is in the way; move that")
-        if not is_there:
+        check_place(path, pages_dir)
+        if not (is_there := PosixPath.is_file(path)):
             self._check(page_id, None)
         return is_there
 
@@ -142,7 +139,7 @@ class Run:
     def keep_cached(self, page_id: str, prose: str) -> None:
         """Keep prose whose row goes, unless it stands in a page or in the file that goes with the row."""
         own = [*_text(self.files.page_file(page_id))]
-        if leaves(prose, own) and leaves(prose, [*own, *self._texts(page_id, {})]):
+        if leaves(prose, own) and leaves(prose, [*own, self._texts(page_id, {})]):
             kept = self.folder / "cached" / f"{page_id}.md"
             write_durably(kept, prose.encode("utf-8", "surrogatepass"), like=kept, sync=not self.dry)
 
@@ -152,17 +149,18 @@ class Run:
             if page_id in self._seen:
                 self._check(page_id, _digest_at(self.files.page_file(page_id)))
         if (self.removed or self.staged) and not self.dry:
-            probes = self.folder / "probe", self.files.pages_dir / f"{TEMPORARY}probe"
+            probes = self.folder / "probe", self.files.pages_dir / f"{TEMPORARY}{0:016}"
             for probe in probes:
                 probe.mkdir(parents=True, exist_ok=True)
             exchange(*probes)
-            probes[1].rmdir()
+            probes[1].rmdir()  # by the next run if that could not be
+            sync_below(self.folder, self.files.retired_dir, self.files.wiki_dir)
 
     # Its end.
 
     def would_keep(self) -> dict[str, str]:
         """Where each text will be that a dry run would keep, by page id."""
-        read: dict[Path, list[str]] = {}
+        read: dict[tuple[Path, ...], str] = {}
         gone = (*self.staged, *self.removed)
         kept = {page_id for page_id in gone if must_stay(self.files.page_file(page_id), self._texts(page_id, read))}
         kept.update(page_id_of(file, self.folder / "cached") for file in texts_below(self.folder / "cached"))
@@ -177,9 +175,8 @@ class Run:
             if (path.is_symlink() or PosixPath.is_file(path)) and not os.path.lexists(entry):
                 entry.parent.mkdir(parents=True, exist_ok=True)
                 path.rename(entry)
-        for folder in {self.files.page_file(page_id).parent for page_id in (*self.staged, *self.removed)}:
-            if folder.exists():
-                sync_folder(folder)
+        sync_below(self.folder)
+        sync_below(self.files.pages_dir)
         self.staged, self.removed = {}, {}
         return self.end(self.folder / "pages")
 
@@ -194,11 +191,11 @@ class Run:
                 exchange(entry, path)
         else:
             with suppress(FileExistsError):
-                os.link(entry, path)
+                exchange(entry, path, RENAME_NOREPLACE)
 
-    def end(self, part: Path, held: list[str] | None = None) -> dict[str, str]:
-        """Delete what stands whole in the texts `held`, else in its page and heirs; gives what stays, by page id."""
-        read: dict[Path, list[str]] = {}
+    def end(self, part: Path, held: str | None = None) -> dict[str, str]:
+        """Delete what stands whole in the texts `held`, else in its page and heirs; gives where others stay."""
+        read: dict[tuple[Path, ...], str] = {}
         for file in [*texts_below(part)]:
             texts = self._texts(page_id_of(file, part), read) if held is None else held
             if (file.name.startswith(TEMPORARY) and not file.suffix) or not must_stay(file, texts):
@@ -209,24 +206,32 @@ class Run:
         if self.folder.exists():
             self.folder.rename(self.folder.with_name(self.id))
             sync_folder(self.files.retired_dir)
-        return {page_id: str(file.relative_to(self.files.wiki_dir)) for _, page_id, file in self.files.kept(self.id)}
+        return dict.fromkeys((page_id for _, page_id, _ in self.files.kept(self.id)), f"retired/{self.id}")
 
-    def _texts(self, page_id: str, read: dict[Path, list[str]]) -> list[str]:
+    def _texts(self, page_id: str, read: dict[tuple[Path, ...], str]) -> str:
         # What the page holds now, or is to hold, and those pages that its text goes into.
-        paths = [
-            self._entry(heir) if heir in self.staged else self.files.page_file(heir)
-            for heir in (page_id, *self.heirs.get(page_id, ()))
-            if heir not in self.removed
-        ]
-        for path in paths:
-            if path not in read:
-                read[path] = [*_text(path)]
-        return [text for path in paths for text in read[path]]
+        heirs = [page_id]
+        for heir in heirs:
+            heirs += [after for after in self.heirs.get(heir, ()) if after not in heirs]
+        there = [heir for heir in heirs if heir not in self.removed]
+        paths = tuple(self._entry(heir) if heir in self.staged else self.files.page_file(heir) for heir in there)
+        if paths not in read:
+            read.clear()
+            read[paths] = joined(text for path in paths for text in _text(path))
+        return read[paths]
 
 
 def page_id_of(file: Path, folder: Path) -> str:
     """The page of a file below the folder that has the files of pages."""
     return file.relative_to(folder).as_posix().removesuffix(".md")
+
+
+def check_place(path: Path, pages_dir: Path) -> None:
+    """Raise `PageFileError` unless this is the place of a file, or of none yet, in folders of the wiki's own."""
+    above = [folder for folder in path.parents if pages_dir in folder.parents]
+    is_odd = os.path.lexists(path) and not PosixPath.is_file(path)
+    if is_odd or any(map(os.path.islink, above)) or any(map(os.path.isfile, (*above, pages_dir))):
+        raise PageFileError(f"{path} is no place for a page: a folder, pipe or link is there, or above it; move that")
 
 
 def texts_below(folder: Path) -> Iterator[Path]:
@@ -254,16 +259,17 @@ def decoded(path: Path, content: bytes) -> str:
 def _text(path: Path) -> Iterator[str]:
     with suppress(OSError, PageFileError):
         if os.path.isfile(path):  # noqa: PTH113
-            yield decoded(path, path.read_bytes())
+            text = decoded(path, path.read_bytes())
+            yield from (text, read_page(text, {}).whole)  # what a person wrote around the generated block is one
 
 
 def _digest_at(path: Path) -> str | None:
     return digest(path.read_bytes()) if os.path.isfile(path) else None  # noqa: PTH113
 
 
-def exchange(one: Path, other: Path) -> None:
-    """Let two files change places in one step; raises `OSError`."""
+def exchange(one: Path, other: Path, how: int = RENAME_EXCHANGE) -> None:
+    """Let two files change places in one step, or rename to a name that must be free; raises `OSError`."""
     call = ctypes.CDLL(None, use_errno=True).renameat2
-    if call(AT_FDCWD, os.fsencode(one), AT_FDCWD, os.fsencode(other), RENAME_EXCHANGE):
-        reason = f"{os.strerror(ctypes.get_errno())}; ext4, xfs, btrfs and tmpfs can exchange two files, others may not"
-        raise OSError(ctypes.get_errno(), reason, str(other))
+    if call(AT_FDCWD, os.fsencode(one), AT_FDCWD, os.fsencode(other), how):
+        advice = "pages/ and retired/ have to be on one file system that exchanges files: ext4, xfs, btrfs, tmpfs"
+        raise OSError(ctypes.get_errno(), f"{os.strerror(ctypes.get_errno())}; {advice}", str(other))

@@ -7,6 +7,7 @@ from collections import Counter
 from collections.abc import Iterable, Iterator, Mapping
 from itertools import groupby
 from pathlib import Path
+from posixpath import dirname
 from typing import Any, TypedDict
 
 from quillstone.workers.wiki.authoring import folder_title
@@ -47,7 +48,7 @@ def plan_pages(
     a note, gets another. A page that no folder gives a title has "".
     """
     paths = sorted(source_paths)
-    files = {folder: [*within] for folder, within in groupby(sorted(paths, key=folder_of), folder_of)}
+    files = {folder: [*within] for folder, within in groupby(sorted(paths, key=dirname), dirname)}
     # The name that a page was given by a replan is not that of a folder that comes later.
     names = {place["page"] for own_id, place in placements.items() if not place["merged"] and place["page"] != own_id}
     names.update(taken)
@@ -71,24 +72,22 @@ def plan_pages(
     return list(pages.values())
 
 
-def folder_of(path: str) -> str:
-    """The folder that a relative path lies in, "" for the tree itself."""
-    return path.rpartition("/")[0]
-
-
 def moved_folders(gone: Iterable[Mapping[str, Any]], indexed: Iterable[Mapping[str, Any]]) -> dict[str, str]:
-    """Find the one folder below which each folder's files stand now, from the records of files gone and there."""
+    """Find the folder below which most of each folder's files stand now, from the records of files gone and there."""
     places: dict[str, list[str]] = {}
     for record in indexed:
         places.setdefault(record["digest"], []).append(record["path"])
+    gone = [record for record in gone if record["size"]]  # empty files are all alike
     targets: dict[str, Counter[str]] = {}
     for record in gone:
-        for new in places.get(record["digest"], ()) if record["size"] else ():  # empty files are all alike
+        for new in places.get(record["digest"], ()):
             before, after = record["path"], new
             while before != after and before.rpartition("/")[2] == after.rpartition("/")[2]:
-                before, after = folder_of(before), folder_of(after)
+                before, after = dirname(before), dirname(after)
                 targets.setdefault(before, Counter())[after] += 1
-    return {folder: max(sorted(found), key=found.__getitem__) for folder, found in targets.items()}
+    total = Counter(above for record in gone for above in _ancestors(record["path"]))
+    best = {folder: max(sorted(found), key=found.__getitem__) for folder, found in targets.items()}
+    return {folder: new for folder, new in best.items() if 2 * targets[folder][new] > total[folder]}
 
 
 def _below(paths: list[str], folder: str) -> list[str]:
@@ -107,5 +106,5 @@ def _relate(folder: str, page: PagePlan, page_of: Mapping[str, PagePlan]) -> Non
 
 def _ancestors(folder: str) -> Iterator[str]:
     while folder:
-        folder = folder_of(folder)
+        folder = dirname(folder)
         yield folder

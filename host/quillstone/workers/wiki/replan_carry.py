@@ -148,17 +148,22 @@ def _generated_marks(text: str) -> Iterator[re.Match[str]]:
     return (mark for mark in _MARKER.finditer(text) if mark[2] == GENERATED)
 
 
-def leaves(text: str, texts: Iterable[str]) -> bool:
-    """Whether a person wrote something in the text that stands whole in none of the others."""
-    held = "\n".join(["", *texts, ""])
+def leaves(text: str, others: Iterable[str]) -> bool:
+    """Whether a person wrote something in the text that stands whole in none of the others (one str: all, joined)."""
+    held = others if isinstance(others, str) else joined(others)
     page = read_page(text, {}, generated=held)
     if page.title and f"# {page.title}\n" not in held:
         return True
     for kind, piece in split_blocks(page.prose):
-        text = section_prose(piece) if kind == CARRIED else piece.strip("\n")
+        text = "\n".join(piece.split("\n")[3:-1]) if kind == CARRIED else piece.strip("\n")
         if not is_blank(text) and f"\n{text}\n" not in held:
             return True
     return False
+
+
+def joined(texts: Iterable[str]) -> str:
+    """The texts as `leaves` looks through them."""
+    return "\n".join(["", *texts, ""])
 
 
 def is_blank(text: str) -> bool:
@@ -177,11 +182,6 @@ def split_carried(text: str) -> tuple[str, list[str]]:
     return join_prose(piece for kind, piece in pieces if kind != CARRIED), [
         piece for kind, piece in pieces if kind == CARRIED
     ]
-
-
-def section_prose(section: str) -> str:
-    """The prose of a carried section, without its markers and its title."""
-    return "\n".join(section.split("\n")[3:-1])
 
 
 def join_prose(pieces: Iterable[str]) -> str:

@@ -59,6 +59,12 @@ def sync_folder(folder: Path) -> None:
         os.close(descriptor)
 
 
+def sync_below(folder: Path, *others: Path) -> None:
+    """Bring the names in a folder and in all below it to the disk, and those in the others."""
+    for each in [*(Path(below) for below, _, _ in os.walk(folder, topdown=False)), *others]:
+        sync_folder(each)
+
+
 def digest(content: bytes | str) -> str:
     """Sixteen hexadecimal digits that stand for the content."""
     content = content if isinstance(content, bytes) else content.encode("utf-8", "surrogatepass")

@@ -13,7 +13,6 @@ from typing import Any
 from quillstone.errors import HostError
 
 SKIPPED_FOLDERS = frozenset({".git", "__pycache__", "node_modules", "site-packages"})
-SNIFFED_BYTES = 8192
 _SOURCE = re.compile(
     r"(?is).*\.(bash|bat|c|cc|cpp|cs|css|cxx|el|exs?|go|h|hh|hpp|hs|java|jl|jsx?|kt|lua|m|mjs|ml|php|p[lm]|ps1|pyi?|pyw"
     r"|pyx|r|rb|rs|scala|sh|sql|swift|tcl|tsx?|vim|zig)"
@@ -32,7 +31,6 @@ def list_files(root: Path, *, without: Path | None = None) -> tuple[list[str], d
     In a git checkout these are all files that it does not ignore, elsewhere all that are in no hidden folder. Links,
     special and binary files and the folder `without` are passed over. Raises `HostError` and `OSError`.
     """
-    check_tree(root)
     listed = _git_files(root) or [*_walk(root)]
     avoided = f"{os.path.relpath(os.path.realpath(without), os.path.realpath(root))}/" if without else "../"
     paths, missed = [], {}
@@ -44,7 +42,7 @@ def list_files(root: Path, *, without: Path | None = None) -> tuple[list[str], d
                 missed[path] = "it is a repository of its own"
             if stat.S_ISREG(mode):
                 with (root / path).open("rb") as stream:
-                    if b"\0" not in stream.read(SNIFFED_BYTES):
+                    if b"\0" not in stream.read(8192):
                         paths.append(path)
         except UnicodeEncodeError:
             missed[ascii(path)] = "its name is not UTF-8"

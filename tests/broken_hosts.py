@@ -78,11 +78,6 @@ def with_no_strangers(real, self, *run):
     return by_the_module_alone(real, self, *run)
 
 
-def take_along(real, self, run):
-    for page_id in () if real(self, run) else run.staged:
-        self.files.page_file(page_id).unlink()
-
-
 @contextmanager
 def lock_by_file(tidies, real, self):
     path = self._folder / "busy"
@@ -291,9 +286,6 @@ CHANGES = [
         "two_prunes_of_one_wiki_take_turns": {"prunes at once": by_the_module_alone},
         "a_prune_that_was_killed_is_finished_by_the_next": {"leftovers that stay": by_the_module_alone},
         "a_rerun_after_a_failed_commit_carries_each_section_once": {"a file in the way of a rerun": with_no_strangers},
-    }),
-    (WikiGenerator, "_settle", {
-        "a_rerun_after_a_failed_commit_carries_each_section_once": {"files that go with a failed run": take_along},
     }),
     (WikiLock, "held", {
         "a_prune_that_was_killed_is_finished_by_the_next": {"a lock that outlives all": partial(lock_by_file, True)},

@@ -1,5 +1,11 @@
 PYTHON ?= python3.10
-VENV := .venv
+# An environment for each version: .venv for 3.10, .venv-3.13 for 3.13.
+NAMED := $(patsubst python%,%,$(filter python3.%,$(PYTHON)))
+VERSION := $(or $(NAMED),$(shell $(PYTHON) -c 'import sys; print("%d.%d" % sys.version_info[:2])'))
+VENV := .venv$(patsubst %,-%,$(filter-out 3.10,$(VERSION)))
+ifdef NAMED  # where pyenv provides Python, no version depends on which others are installed
+export PYENV_VERSION ?= $(NAMED)
+endif
 BIN := $(VENV)/bin
 # scikit-build-core takes cmake and ninja from here, not from the machine.
 export PATH := $(abspath $(BIN)):$(PATH)
@@ -103,10 +109,11 @@ install-into:  ## the extension and its types into a host's own package tree: ma
 	$(BIN)/cmake --install build/tree --prefix "$(TREE)"
 
 clean:
-	rm -rf build dist $(VENV)
+	rm -rf build dist .venv .venv-*
 
 $(VENV)/created.stamp: .python-version
-	$(PYTHON) -c 'import sys; sys.exit(sys.version_info[:2] != (3, 10) and "CPython 3.10 is needed: make PYTHON=path")'
+	@$(PYTHON) -c 'import sys; sys.exit(sys.version_info < (3, 10))' || \
+		{ echo "CPython 3.10 or later is needed: make PYTHON=python3.13, or PYTHON=path" >&2; exit 2; }
 	$(PYTHON) -m venv $(VENV)
 	@touch $@
 

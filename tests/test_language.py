@@ -73,7 +73,7 @@ def test_a_traceback_names_method_file_and_line(profiled):
         (found,) = (f for f in traceback.extract_tb(error.__traceback__) if f.filename.endswith("index_guard.cpp"))
         assert found.name == "_indexed_paths" and found.filename.startswith("src/quillstone/")
         source = Path(__file__).parent.parent / found.filename
-        assert "list_files.with_keywords(" in source.read_text("utf-8").splitlines()[found.lineno - 1]
+        assert ".with_keywords(" in source.read_text("utf-8").splitlines()[found.lineno - 1]
         error.__traceback__ = None
     assert seen.count(("call", "_indexed_paths")) == (2 if profiled else 0)
 

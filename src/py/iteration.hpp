@@ -4,14 +4,14 @@
 #include <array>
 #include <iterator>
 
-#include "operations.hpp"
+#include "call.hpp"
 
 namespace py {
 
 /// Lets signal handlers and other threads run now and then, as the interpreter's own loops do.
 class Turns {
  public:
-  PY_INLINE void next(Where where) {
+  void next(Where where) {
     if (--left_ == 0) [[unlikely]] {
       left_ = between;
       pause(where);
@@ -21,7 +21,7 @@ class Turns {
  private:
   static constexpr unsigned between = 4096;
   [[gnu::noinline]] static void pause(Where where) {
-    check(PyErr_CheckSignals(), where);
+    check({PyErr_CheckSignals(), where});
     PyEval_RestoreThread(PyEval_SaveThread());
   }
   unsigned left_ = between;
@@ -37,26 +37,25 @@ class Turns {
 /// `for (const Object& member : each(iterable))`
 class each {
  public:
-  PY_INLINE explicit each(Object iterable, Where where = Where::current())
-      : source_(PyList_CheckExact(iterable.get()) ? std::move(iterable)
-                                                  : steal(PyObject_GetIter(iterable.get()), where)),
-        where_(where) {}
-  PY_INLINE ~each() = default;
+  explicit each(At<Object> iterable)
+      : source_(PyList_CheckExact(iterable.value.get())
+                    ? std::move(iterable.value)
+                    : steal({PyObject_GetIter(iterable.value.get()), iterable.where})),
+        where_(iterable.where) {}
 
   class iterator {
    public:
-    PY_INLINE iterator(PyObject* source, Where where)
+    iterator(PyObject* source, Where where)
         : source_(source), where_(where), exact_list_(PyList_CheckExact(source)), member_(next()) {}
-    PY_INLINE ~iterator() = default;
-    PY_INLINE const Object& operator*() const noexcept { return member_; }  // lives until the next one is there
-    PY_INLINE iterator& operator++() {
+    const Object& operator*() const noexcept { return member_; }  // lives until the next one is there
+    iterator& operator++() {
       member_ = Object(next());
       return *this;
     }
-    PY_INLINE bool operator==(std::default_sentinel_t) const noexcept { return !member_; }
+    bool operator==(std::default_sentinel_t) const noexcept { return !member_; }
 
    private:
-    PY_INLINE PyObject* next() {
+    PyObject* next() {
       turns_.next(where_);
       if (!exact_list_) return next_of(source_, where_);
       // Its length is read afresh each time, as a list's own iterator does.
@@ -73,8 +72,8 @@ class each {
     Py_ssize_t index_ = 0;
     Object member_;
   };
-  PY_INLINE iterator begin() const { return iterator(source_.get(), where_); }
-  PY_INLINE std::default_sentinel_t end() const noexcept { return {}; }
+  iterator begin() const { return iterator(source_.get(), where_); }
+  std::default_sentinel_t end() const noexcept { return {}; }
 
  private:
   const Object source_;
@@ -83,7 +82,7 @@ class each {
 
 /// Exactly `count` members of an iterable, with the interpreter's own words where there are more or fewer.
 template <std::size_t count>
-std::array<Object, count> unpack(Handle iterable, Where where = Where::current()) {
+std::array<Object, count> unpack(Operand iterable) {
   std::array<Object, count> members;
   const bool tuple = PyTuple_CheckExact(iterable);
   if ((tuple || PyList_CheckExact(iterable)) && Py_SIZE(iterable) == Py_ssize_t{count}) {
@@ -95,39 +94,35 @@ std::array<Object, count> unpack(Handle iterable, Where where = Where::current()
   if (!iterator) {
     if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable))
       PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable)->tp_name);
-    throw Error{where};
+    throw Error{iterable.where};
   }
   for (std::size_t i = 0; i < count; ++i) {
     members[i] = Object(PyIter_Next(iterator.get()));
     if (members[i]) continue;
     if (!PyErr_Occurred())
       PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zu, got %zu)", count, i);
-    throw Error{where};
+    throw Error{iterable.where};
   }
   const Object excess(PyIter_Next(iterator.get()));
   if (excess) PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu)", count);
-  if (PyErr_Occurred()) throw Error{where};
+  if (PyErr_Occurred()) throw Error{iterable.where};
   return members;
 }
 
 /// `for (const auto& [key, value] : items(mapping, name_of_items))`
 class items {
  public:
-  PY_INLINE items(Handle mapping, Handle items_name, Where where = Where::current())
-      : source_(PyDict_CheckExact(mapping)
-                    ? borrow(mapping)
-                    : steal(PyObject_GetIter(method(mapping, items_name, where)(where).get()), where)),
-        where_(where) {}
-  PY_INLINE ~items() = default;
+  items(Operand mapping, Handle items_name)
+      : source_(PyDict_CheckExact(mapping) ? borrow(mapping) : iterator_over(mapping, items_name)),
+        where_(mapping.where) {}
 
   struct Item {
     Object key, value;
-    PY_INLINE ~Item() = default;
   };
 
   class iterator {
    public:
-    PY_INLINE iterator(PyObject* source, Where where)
+    iterator(PyObject* source, Where where)
         : source_(source),
           where_(where),
           exact_dict_(PyDict_CheckExact(source)),
@@ -135,18 +130,17 @@ class items {
           left_(size_) {
       next();
     }
-    PY_INLINE ~iterator() = default;
-    PY_INLINE const Item& operator*() const noexcept { return item_; }
-    PY_INLINE iterator& operator++() {
+    const Item& operator*() const noexcept { return item_; }
+    iterator& operator++() {
       const Object old_value = std::move(item_.value);  // dies when the next one is there, after its key
       const Object old_key = std::move(item_.key);
       next();
       return *this;
     }
-    PY_INLINE bool operator==(std::default_sentinel_t) const noexcept { return !item_.key; }
+    bool operator==(std::default_sentinel_t) const noexcept { return !item_.key; }
 
    private:
-    PY_INLINE void next() {
+    void next() {
       turns_.next(where_);
       if (exact_dict_) return next_of_dict();
       PyObject* pair[2];
@@ -155,15 +149,15 @@ class items {
       item_.value = Object(pair[1]);
     }
 
-    PY_INLINE void next_of_dict() {  // with the checks of the dict's own iterator
+    void next_of_dict() {  // with the checks of the dict's own iterator
       if (PyDict_GET_SIZE(source_) != size_) [[unlikely]]
-        raise(PyExc_RuntimeError, "dictionary changed size during iteration", where_);
+        raise(PyExc_RuntimeError, {"dictionary changed size during iteration", where_});
       PyObject *key = nullptr, *value = nullptr;
       Py_ssize_t position = position_;  // so that the loop's own can stay in a register
-      if (!_PyDict_Next(source_, &position, &key, &value, nullptr)) return;
+      if (!PyDict_Next(source_, &position, &key, &value)) return;
       position_ = position;
       if (left_-- == 0) [[unlikely]]
-        raise(PyExc_RuntimeError, "dictionary keys changed during iteration", where_);
+        raise(PyExc_RuntimeError, {"dictionary keys changed during iteration", where_});
       item_.key = borrow(key);
       item_.value = borrow(value);
     }
@@ -176,15 +170,20 @@ class items {
     Py_ssize_t position_ = 0;
     Item item_;
   };
-  PY_INLINE iterator begin() const { return iterator(source_.get(), where_); }
-  PY_INLINE std::default_sentinel_t end() const noexcept { return {}; }
+  iterator begin() const { return iterator(source_.get(), where_); }
+  std::default_sentinel_t end() const noexcept { return {}; }
 
  private:
+  static Object iterator_over(Operand mapping, Handle items_name) {
+    const Object pairs = method(mapping, {items_name, mapping.where})(mapping.where);
+    return steal({PyObject_GetIter(pairs.get()), mapping.where});
+  }
+
   /// Writes two new references, or says that there are no more.
   [[gnu::noinline]] static bool next_pair(Handle iterator, PyObject* (&pair)[2], Where where) {
     const Object next(next_of(iterator, where));
     if (!next) return false;
-    auto [key, value] = unpack<2>(next, where);
+    auto [key, value] = unpack<2>({next, where});
     pair[0] = key.release();
     pair[1] = value.release();
     return true;

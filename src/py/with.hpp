@@ -11,7 +11,7 @@ namespace py {
 class Exit {
  public:
   /// Finds `__enter__` and `__exit__` on the type of `manager`, then enters it.
-  Exit(Object manager, Handle enter_name, Handle exit_name, Where where);
+  Exit(At<Object> manager, Handle enter_name, Handle exit_name);
   void normal();
   /// Hands over the exception that is set; gives it back if it was swallowed, else it is set again.
   Object exceptional() const;
@@ -23,8 +23,8 @@ class Exit {
 
 /// `with manager: body()`; gives the exception of the body that the manager swallowed, if any.
 template <class State, class Body>
-Object with(const Scope<State>& scope, Object manager, Body body, Where where = Where::current()) {
-  Exit exit(std::move(manager), scope->__enter__, scope->__exit__, where);
+Object with(const Scope<State>& scope, At<Object> manager, Body body) {
+  Exit exit(std::move(manager), scope->__enter__, scope->__exit__);
   std::optional<Error> failure;
   try {
     body();

@@ -105,9 +105,7 @@ struct CarryIntoSuccessors {
         py::steal(PyFunction_NewWithQualName(m->pairs_code.get(), m.names.globals, m->pairs_name.get())));
     Dict sections;
     for (const auto& [new_id, pages] : items(carried, m->items)) {
-      const Callee collaborator = m.callee(m->carried_sections);
-      const Object page_ids = py::steal(PyObject_GetIter(pages.get()));
-      sections.set(new_id, collaborator(generator(page_ids, pair)));
+      sections.set(new_id, m.callee(m->carried_sections)(generator(py::steal(PyObject_GetIter(pages.get())), pair)));
     }
     return sections;
   }
@@ -122,13 +120,10 @@ struct CarryIntoSuccessors {
   }
 
   static void write_page(const Scope& m, Handle self, Handle new_id, Handle base_id, Handle row, Handle blocks) {
-    Object base = m.method(self, m->_page_text)(base_id);
-    const Callee with_carried = m.callee(m->with_carried);
-    if (base.get() == Py_None) base = m.callee(m->cached_prose)(row);
-    const Object text = with_carried(base, blocks);
-    if (!py::truth(m.method(text, m->strip)())) return;
-    const Callee atomic_write = m.callee(m->_atomic_write);
-    atomic_write(page_file(m, self, new_id), text);
+    const Object base = m.method(self, m->_page_text)(base_id);
+    const Object text =
+        m.callee(m->with_carried)(base.get() == Py_None ? m.callee(m->cached_prose)(row) : base, blocks);
+    if (py::truth(m.method(text, m->strip)())) m.callee(m->_atomic_write)(page_file(m, self, new_id), text);
   }
 
   static List source_files(const Scope& m, Handle row, Handle new_id, const Dict& carried, const Dict& rows) {
@@ -159,7 +154,9 @@ struct PageText {
 
 }  // namespace
 
-Object State::make_pairs_code() { return py::generator_code("<genexpr>"); }
+Object State::make_pairs_code(Handle qualified_name) {
+  return py::generator_code(qualified_name, py::Where::current());
+}
 
 const py::MakeFunction carry_into_successors = &py::Function<State, CarryIntoSuccessors>::make;
 const py::MakeFunction page_text = &py::Function<State, PageText>::make;

@@ -1,6 +1,5 @@
 // Judged sources, indexed paths, and the guard for pages that only an index behind the tree hides.
 #include <algorithm>
-#include <vector>
 
 #include "names.hpp"
 
@@ -24,45 +23,17 @@ struct JudgedSources {
     List sources;
     add_normalised(m, sources, list_field(m, page, m->source_files));
     if (!sources.empty()) return sources;
-    const std::uint64_t version = PyDict_CheckExact(existing) ? py::version(existing) : 0;
-    py::Turns turns;
-    for (const Child& child : stored_children(m, page, existing)) {
-      turns.next(py::Where::current());
-      const bool known = child.row != nullptr && py::version(existing) == version;
-      Object row = known ? py::borrow(child.row) : py::item(existing, child.id);
-      Object files = list_field(m, row, m->source_files);
-      row = Object();
+    List children;
+    for (const Object& id : each(list_field(m, page, m->related_pages)))
+      if (py::contains(existing, id)) children.append(id);
+    for (const Object& id : each(children)) {
+      Object files = list_field(m, py::item(existing, id), m->source_files);
       add_normalised(m, sources, std::move(files));
     }
     return sources;
   }
 
-  struct Child {
-    Object id;
-    PyObject* row;  // borrowed, good for as long as the version of `existing` stands; null where that cannot be told
-  };
-  struct Children : std::vector<Child> {
-    ~Children() {  // the last one first, as the members of a list
-      while (!empty()) pop_back();
-    }
-  };
-
-  static Children stored_children(const Scope& m, Handle page, Handle existing) {
-    const Object related = list_field(m, page, m->related_pages);
-    const bool exact_dict = PyDict_CheckExact(existing);
-    Children children;
-    if (exact_dict && PyList_CheckExact(related.get()))
-      children.reserve(std::min(PyList_GET_SIZE(related.get()), PyDict_GET_SIZE(static_cast<PyObject*>(existing))));
-    for (const Object& id : each(related)) {
-      PyObject* row = nullptr;
-      const bool plain = exact_dict && PyUnicode_CheckExact(id.get());  // hashed and compared by nobody's code
-      if (plain) row = py::peek(existing, id);
-      if (plain ? row != nullptr : py::contains(existing, id)) children.push_back({id, row});
-    }
-    return children;
-  }
-
-  PY_INLINE static void add_normalised(const Scope& m, List& sources, Object files) {
+  static void add_normalised(const Scope& m, List& sources, Object files) {
     for (const Object& path : each(std::move(files))) sources.append(m.callee(m->_norm)(path));
   }
 };
@@ -80,16 +51,13 @@ struct IndexedPaths {
         )"};
 
   static Object body(const Scope& m, Handle self) {
-    const Callee list_files = m.method(py::attr(self, m->repository), m->list_indexed_files);
     auto [files, more, limit, total] =
-        unpack<4>(list_files.with_keywords(m->list_indexed_files_keywords, Py_True, m->million));
+        unpack<4>(m.method(py::attr(self, m->repository), m->list_indexed_files)
+                      .with_keywords(m->list_indexed_files_keywords, Py_True, m->million));
     more = Object();
     limit = Object();
     Set indexed;
-    for (const Object& record : each(files)) {
-      const Callee norm = m.callee(m->_norm);
-      indexed.add(norm(py::item(record, m->path)));
-    }
+    for (const Object& record : each(files)) indexed.add(m.callee(m->_norm)(py::item(record, m->path)));
     return indexed;
   }
 };
@@ -137,8 +105,7 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     return py::truth(py::steal(PyNumber_And(distinct.get(), indexed)));
   }
 
-  /// Hashing plain strings runs nobody's code. The index holds what `_norm` gave, plain strings as a rule; the `__eq__`
-  /// of another is asked less often than by a whole intersection.
+  /// Hashing these runs nobody's code, so it does not matter that a search stops at the first source that is indexed.
   static bool all_strings(Handle list) {
     PyObject** members = static_cast<PyListObject*>(list)->ob_item;
     return std::all_of(members, members + Py_SIZE(list), [](PyObject* member) { return PyUnicode_CheckExact(member); });

@@ -1,6 +1,5 @@
 // The module's entry and body.
 #include "names.hpp"
-#include "py/import.hpp"
 
 namespace page_retirement {
 namespace {
@@ -56,7 +55,7 @@ class Body {
   void run() {
     set_module_attributes();
     import_from("__future__", {"annotations"});
-    for (const char* name : {"contextlib", "json", "logging"}) bind(name, py::import_module(globals_, name));
+    for (const char* name : {"contextlib", "json", "logging"}) import_from(name, {});
     import_from("collections.abc", {"Mapping", "Sequence"});
     import_from("pathlib", {"Path"});
     import_from("typing", {"Any"});
@@ -75,12 +74,12 @@ class Body {
   }
 
  private:
-  Object load(const char* name, py::Where where = py::Where::current()) {
-    return py::Global(name, where).load({globals_, PyEval_GetBuiltins()}, where);
+  Object load(At<const char*> name) {
+    return py::load_name(globals_, PyEval_GetBuiltins(), {py::Name(name), name.where});
   }
 
-  void bind(const char* name, Handle value, py::Where where = py::Where::current()) {
-    py::check(PyObject_SetItem(globals_, py::Name(name, where).get(), value), where);
+  void bind(At<const char*> name, Handle value) {
+    py::check({PyObject_SetItem(globals_, py::Name(name).get(), value), name.where});
   }
 
   /// What the importer has set by now (`__file__`, `__loader__`, `__spec__`) stays.
@@ -94,8 +93,7 @@ class Body {
 
   void import_from(const char* module_name, std::initializer_list<const char*> names,
                    py::Where where = py::Where::current()) {
-    const Object module = py::import_module(globals_, module_name, names, where);
-    for (const char* name : names) bind(name, py::import_from(module, py::Name(name, where), where), where);
+    py::import_into(globals_, module_name, names, where);
   }
 
   /// `tuple[dict[str, Any], list[str], list[str]]`
@@ -143,14 +141,12 @@ int execute(PyObject* module) noexcept {
   }
 }
 
-PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(&execute)}, {0, nullptr}};
-
 PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
                           .m_name = full_name,
                           .m_doc = nullptr,  // the body binds it
                           .m_size = 0,
                           .m_methods = nullptr,
-                          .m_slots = slots,
+                          .m_slots = py::module_slots(&execute),
                           .m_traverse = nullptr,
                           .m_clear = nullptr,
                           .m_free = nullptr};

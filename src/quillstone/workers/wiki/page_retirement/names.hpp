@@ -2,11 +2,14 @@
 // more than one of them says about rows and files, and the list of them.
 #pragma once
 
+#include "py/collection.hpp"
 #include "py/function.hpp"
 #include "py/iteration.hpp"
+#include "py/value.hpp"
 
 namespace page_retirement {
 
+using py::At;
 using py::Callee;
 using py::Dict;
 using py::each;
@@ -14,6 +17,7 @@ using py::Handle;
 using py::items;
 using py::List;
 using py::Object;
+using py::Operand;
 using py::Set;
 using py::unpack;
 
@@ -23,11 +27,7 @@ Object keywords(const Text*... text) {
   return py::steal(PyTuple_Pack(sizeof...(text), py::Name(text).get()...));
 }
 
-struct State {
-  static constexpr const char* type_name = "quillstone.workers.wiki.page_retirement.state";
-
-  py::Bytecodes bytecodes;
-
+struct State : py::ModuleState {
   // Module-level names
   py::Global _atomic_write{"_atomic_write"};
   py::Global _judged_sources{"_judged_sources"};
@@ -83,8 +83,6 @@ struct State {
   py::Name title{"title"};
 
   // Methods and attributes of the standard library's objects
-  py::Name __enter__{"__enter__"};
-  py::Name __exit__{"__exit__"};
   py::Member dumps{"dumps"};
   py::Name exists{"exists"};
   py::Name get{"get"};
@@ -123,69 +121,57 @@ struct State {
                                     "source_hashes", "symbols", "related_pages", "citations", "content_hash", "model",
                                     "status", "summary", "build_cache", "page_type");
 
-  Object pairs_code = make_pairs_code();
   py::Name pairs_name{"PageRetirementMixin._carry_into_successors.<locals>.<genexpr>"};
+  Object pairs_code = make_pairs_code(pairs_name);
 
   /// The code of the generator that draws title/prose pairs (carry.cpp).
-  static Object make_pairs_code();
+  static Object make_pairs_code(Handle qualified_name);
 };
 
 /// The surroundings of a running function, `m` throughout: `m->name` is a name, `m.load(m->name)` what it names.
 using Scope = py::Scope<State>;
 
-/// `row.get(field)` of anything but a plain dict, out of line as it is rare: a new reference
-[[gnu::noinline]] inline PyObject* call_get(const Scope& m, Handle row, Handle name, py::Where where) {
-  return m.method(row, m->get, where)({name, where}).release();
-}
-
 /// `row.get(field)`
-PY_INLINE Object field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
-  if (!PyDict_CheckExact(row)) return Object(call_get(m, row, name, where));
-  PyObject* value = py::peek(row, name, where);
+inline Object field(const Scope& m, Handle row, Operand name) {
+  if (!PyDict_CheckExact(row)) return m.method(row, {m->get, name.where})(name);
+  PyObject* value = py::peek(row, name);
   return py::borrow(value != nullptr ? value : Py_None);
 }
 
 /// `row.get(field) or default`
-PY_INLINE Object field_or(const Scope& m, Handle row, Handle name, Handle otherwise,
-                          py::Where where = py::Where::current()) {
-  Object value = field(m, row, name, where);
-  return py::truth(value, where) ? std::move(value) : py::borrow(otherwise);
+inline Object field_or(const Scope& m, Handle row, Operand name, Handle otherwise) {
+  Object value = field(m, row, name);
+  return py::truth({value, name.where}) ? std::move(value) : py::borrow(otherwise);
 }
 
 /// `row.get(field) or []`
-PY_INLINE Object list_field(const Scope& m, Handle row, Handle name, py::Where where = py::Where::current()) {
-  Object value = field(m, row, name, where);
-  return py::truth(value, where) ? std::move(value) : List(where);
+inline Object list_field(const Scope& m, Handle row, Operand name) {
+  Object value = field(m, row, name);
+  return py::truth({value, name.where}) ? std::move(value) : List(name.where);
 }
-
-/// The text of a warning, and the place where it is given.
-struct Message {
-  Message(const char* text, py::Where where = py::Where::current()) noexcept : text(text), where(where) {}
-  const char* text;
-  py::Where where;
-};
 
 /// `logger.warning(message, *arguments)`
 template <class... Arguments>
-void warn(const Scope& m, Message message, const Arguments&... arguments) {
-  const Callee warning = m.method(m.load(m->logger, message.where), m->warning, message.where);
-  const Object text = py::string(message.text, message.where);
-  const py::Frame frame(m.function, m.names.globals, message.where);
-  warning({text, message.where}, arguments...);
+void warn(const Scope& m, At<const char*> message, const Arguments&... arguments) {
+  const py::Where where = message.where;
+  const Object warning = py::attr({m.load({m->logger, where}), where}, m->warning);
+  const Object text = py::string(message);
+  const Object all = py::steal(
+      {PyTuple_Pack(1 + sizeof...(arguments), text.get(), static_cast<PyObject*>(Handle(arguments))...), where});
+  m->calling_frames.call(m.function, m.names.globals, where, warning, all);
 }
 
 /// `self.pages_dir / f"{id}.md"`
-inline Object page_file(const Scope& m, Handle self, Handle id, py::Where where = py::Where::current()) {
-  const Object pages_dir = py::attr(self, m->pages_dir, where);
-  return py::join(pages_dir, py::concat({py::formatted(id, where), m->dot_md}, where), where);
+inline Object page_file(const Scope& m, Handle self, Handle id) {
+  const Object pages_dir = py::attr(self, m->pages_dir);
+  return py::join(pages_dir, py::concat({py::formatted(id), m->dot_md}));
 }
 
 /// `{row["page_id"]: row for row in self.repository.get_wiki_pages(self.branch)}`
-inline Dict stored_rows(const Scope& m, Handle self, py::Where where = py::Where::current()) {
-  const Callee get_wiki_pages = m.method(py::attr(self, m->repository, where), m->get_wiki_pages, where);
-  Dict rows(where);
-  for (const Object& row : each(get_wiki_pages({py::attr(self, m->branch, where), where}), where))
-    rows.set(py::item(row, m->page_id, where), row, where);
+inline Dict stored_rows(const Scope& m, Handle self) {
+  Dict rows;
+  for (const Object& row : each(m.method(py::attr(self, m->repository), m->get_wiki_pages)(py::attr(self, m->branch))))
+    rows.set(py::item(row, m->page_id), row);
   return rows;
 }
 

@@ -45,8 +45,8 @@ struct PruneRetiredPages {
 
   static Object body(const Scope& m, Handle self, Handle existing, Handle plan_ids, Handle remap) {
     const Object deletes = m.method(self, m->_retired_page_ids)(existing, plan_ids);
-    const Callee carry = m.method(self, m->_carry_into_successors);
-    const Object successors = carry(remap == Py_None ? Dict() : py::borrow(remap), deletes);
+    const Object successors =
+        m.method(self, m->_carry_into_successors)(remap == Py_None ? Dict() : py::borrow(remap), deletes);
     List deleted;
     Object transaction = m.method(py::attr(py::attr(self, m->repository), m->db), m->transaction)();
     const Object swallowed = py::with(m, std::move(transaction), [&] {
@@ -72,8 +72,9 @@ struct PruneRetiredPages {
     List ids(deletes);
     ids.sort();
     for (const Object& page_id : each(ids)) {
-      const Callee delete_row = m.method(py::attr(self, m->repository), m->delete_wiki_page);
-      if (py::truth(delete_row(py::attr(self, m->branch), page_id))) deleted.append(page_id);
+      const Object existed =
+          m.method(py::attr(self, m->repository), m->delete_wiki_page)(py::attr(self, m->branch), page_id);
+      if (py::truth(existed)) deleted.append(page_id);
     }
   }
 

@@ -24,8 +24,9 @@ struct RetiredPageIds {
     for (const auto& [page_id, page] : items(existing, m->items)) {
       const Object level = field_or(m, page, m->level, m->module);
       if (!py::unequal(level, m.load(m->NOTE_LEVEL)) || py::contains(plan_ids, page_id)) continue;
-      const Callee index_is_behind = m.method(self, m->_retired_only_because_the_index_is_behind);
-      if (!py::truth(index_is_behind(page_id, page, indexed, existing))) retired.add(page_id);
+      const Object index_is_behind =
+          m.method(self, m->_retired_only_because_the_index_is_behind)(page_id, page, indexed, existing);
+      if (!py::truth(index_is_behind)) retired.add(page_id);
     }
     const Object notes = m.method(self, m->_notes_whose_file_is_gone)(existing);
     return py::steal(PyNumber_Or(retired.get(), notes.get()));

@@ -34,8 +34,7 @@ struct UpsertSuccessor {
     const Object content_hash = field_or(m, row, m->content_hash, m->empty);
     const Object model = field_or(m, row, m->model, m->agent_session);
     const Object summary = field_or(m, row, m->summary, m->empty);
-    const Callee dumps = m.callee(m->json, m->dumps);
-    const Object cache_text = dumps.with_keywords(m->dumps_keywords, cache, Py_False);
+    const Object cache_text = m.callee(m->json, m->dumps).with_keywords(m->dumps_keywords, cache, Py_False);
     const Object page_type = field_or(m, row, m->page_type, m->empty);
     upsert.with_keywords(m->upsert_keywords, branch, new_id, title, description, importance, level, parent_section,
                          rel_path, files, source_hashes, symbols, related_pages, citations, content_hash, model,
@@ -47,8 +46,7 @@ struct UpsertSuccessor {
     const Object stored = field(m, row, m->build_cache);
     Object cache = copy_if_dict(stored);
     if (py::truth(carried)) {
-      const Callee with_carried = m.callee(m->with_carried);
-      const Object prose = with_carried(m.callee(m->cached_prose)(row), carried);
+      const Object prose = m.callee(m->with_carried)(m.callee(m->cached_prose)(row), carried);
       py::check(PyDict_SetItem(cache.get(), m->prose.get(), prose.get()));
     }
     return cache;

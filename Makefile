@@ -50,7 +50,7 @@ build/%/quillstone: $(VENV)/test.stamp $(MODULE)
 SANITIZER_OPTIONS := allocator_may_return_null=1:intercept_tls_get_addr=0
 SANITIZED = PYTHONPATH=build/Sanitize PYTHONMALLOC=malloc ASAN_OPTIONS=$(SANITIZER_OPTIONS):detect_leaks=$(1) \
 	LD_PRELOAD="$$(g++ -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" $(BIN)/python
-SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_strange.py
+SWEEPS := tests/test_faults.py tests/test_memory.py tests/test_order.py
 
 sanitize: build/Sanitize/quillstone  ## the suite and the sweeps under AddressSanitizer and UndefinedBehaviorSanitizer
 	$(call SANITIZED,0) -m pytest -m "not long" $(TESTS)

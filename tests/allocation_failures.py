@@ -45,8 +45,13 @@ def scenarios(rules):
         module = _imp.create_dynamic(page_retirement.__spec__)
         return lambda: _imp.exec_dynamic(module) or vars(module).keys() - vars(page_retirement).keys()
 
+    def compiler():
+        source = "def function(a): 'doc'; return (0 or 'callee')(a)"
+        return lambda: compile(source, "", "exec").co_consts[0].replace(co_name="other", co_firstlineno=7).co_name
+
     if rules is page_retirement:
         yield "body", body
+    yield "compile", compiler
     yield "judged sources", lambda: lambda: rules._judged_sources({"related_pages": ["kept", "merged"]}, snapshot)
     yield "missing name", lambda: lambda: nameless({"source_files": ["a"]}, {})
     yield "guard", prepared(lambda host: general(host, "é", {}, frozenset({"c.py"}), snapshot))

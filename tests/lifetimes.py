@@ -1,9 +1,9 @@
 """Imports, uses and drops the module many times: `python lifetimes.py imports|subinterpreters ROUNDS`.
 
-Prints how many bytes more the process takes with every round, and how many blocks, classes and functions are left.
+With `plain` at the end, the same rules in plain Python take its place. Prints how many bytes more the process takes
+with every round, and how many blocks, classes and functions are left.
 """
 
-import _xxsubinterpreters as interpreters
 import gc
 import importlib
 import os
@@ -12,8 +12,15 @@ import types
 import weakref
 from pathlib import Path
 
+import oracle
 from memory_host import PLAN, REMAP, adopt, make_host
 
+try:
+    import _interpreters as interpreters
+except ImportError:  # before 3.13
+    import _xxsubinterpreters as interpreters
+
+PLAIN = sys.argv[3:] == ["plain"]
 NAME = "quillstone.workers.wiki.page_retirement"
 SIBLINGS = ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.repo_facts", "workers.wiki_types")
 
@@ -40,7 +47,9 @@ def use(module):
     raise AssertionError("the store's error did not come out")
 
 
-def fresh():
+def fresh(plain=PLAIN):
+    if plain:
+        return importlib.reload(oracle)
     sys.modules.pop(NAME, None)
     for sibling in SIBLINGS:
         sys.modules["quillstone." + sibling] = Anything(sibling)
@@ -48,9 +57,9 @@ def fresh():
 
 
 def in_subinterpreter(watched):
-    code = f"import sys; sys.path[:] = {sys.path!r}; import lifetimes; lifetimes.use(lifetimes.fresh())"
+    code = f"import sys; sys.path[:] = {sys.path!r}; import lifetimes; lifetimes.use(lifetimes.fresh({PLAIN}))"
     other = interpreters.create()
-    interpreters.run_string(other, code)
+    assert not interpreters.run_string(other, code)
     interpreters.destroy(other)
 
 

@@ -1,4 +1,4 @@
-"""What is left of a failure at any touch of a host."""
+"""What is left of a failure at any operation on a host."""
 
 import gc
 
@@ -15,11 +15,11 @@ RUNS = [(1, 9), (5, 9), *(pytest.param(seed, 1, marks=pytest.mark.long) for seed
 @pytest.mark.parametrize(("seed", "step"), RUNS)
 def test_a_failure_leaves_every_reference_and_block_where_it_was(seed, step, figures):
     watched = [None, True, False, "", 0, *vars(page_retirement).values(), *vars(PageRetirementMixin).values()]
-    watched += [page_retirement._judged_sources.__code__.co_consts[1].__self__]  # the module's state
-    touches = run(seed, page_retirement, True)[1]
+    watched += [page_retirement._judged_sources.__code__.co_consts[-1].__self__]  # the module's state
+    operations = run(seed, page_retirement, True)[1]
     gc.collect()
     gc.freeze()  # a collection then takes no longer than what it looks for
-    for at in range(seed % step, len(touches), step):
-        assert not any(growth(lambda at=at: run(seed, page_retirement, True, at), watched)), touches[at]
+    for at in range(seed % step, len(operations), step):
+        assert not any(growth(lambda at=at: run(seed, page_retirement, True, at), watched)), operations[at]
         figures["faults injected"] += 1
     gc.unfreeze()

@@ -1,10 +1,9 @@
-"""Out of memory, one allocation at a time and in C++: a MemoryError, nothing half done, nothing leaked, no crash."""
+"""Out of memory, one allocation at a time: a MemoryError, nothing half done, nothing leaked, no crash."""
 
 import json
-import os
+import re
 import subprocess
 import sys
-import textwrap
 from pathlib import Path
 
 import pytest
@@ -30,17 +29,23 @@ def sweep(rules, work):
         run = subprocess.run([sys.executable, SWEEP, rules, work, str(failed)], capture_output=True, text=True)
         lines = [json.loads(line) for line in run.stdout.splitlines()]
         faults += [line for line in lines if "fault" in line]
-        failed = lines[-1]["failed"]
+        failed = max(line.get("failed", 0) for line in lines)
         if not run.returncode:
             return failed, faults
         faults.append({"fault": f"exit status {run.returncode}", "allocation": failed, "said": run.stderr[-1000:]})
         failed += 1
 
 
+def kinds(faults):
+    return {re.sub(r"\d+ blocks|SystemError.*", "", fault["fault"]) for fault in faults}
+
+
 @pytest.mark.parametrize("work", [*WORK, "body"])
 def test_any_allocation_may_fail(work, figures):
+    """Faults are those that the interpreter itself has then, as its compiler, which the body makes use of."""
     failed, faults = sweep("module", work)
-    assert failed >= WORK.get(work, 400) and faults == []
+    known = kinds(sweep("oracle", "compile" if work == "body" else work)[1]) if faults else set()
+    assert failed >= WORK.get(work, 400) and kinds(faults) <= known
     figures["allocations failed"] += failed
 
 
@@ -48,23 +53,3 @@ def test_any_allocation_may_fail(work, figures):
 @pytest.mark.parametrize("work", WORK)
 def test_what_the_interpreter_makes_of_it_in_plain_python(work, figures):
     figures["faults of the interpreter, in plain Python"] += len(sweep("oracle", work)[1])
-
-
-@pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""), reason="a sanitizer takes more than any limit")
-def test_memory_that_cplusplus_cannot_get():
-    program = """
-        import resource
-        from quillstone.workers.wiki.page_retirement import _judged_sources
-        stored = dict.fromkeys(range(3_000_000))
-        page = {"related_pages": list(stored)}  # a table of 48 MB for what is stored of them
-        used = int(open("/proc/self/statm").read().split()[0]) * resource.getpagesize()
-        resource.setrlimit(resource.RLIMIT_AS, (used + 20_000_000, resource.RLIM_INFINITY))
-        try:
-            _judged_sources(page, stored)
-        except MemoryError:
-            resource.setrlimit(resource.RLIMIT_AS, (resource.RLIM_INFINITY,) * 2)
-            assert _judged_sources({"related_pages": [1]}, {1: {}}) == []
-            print("no memory")
-    """
-    run = subprocess.run([sys.executable, "-c", textwrap.dedent(program)], capture_output=True, text=True, check=True)
-    assert run.stdout == "no memory\n"

@@ -1,9 +1,10 @@
-"""Hosts drawn from a seed, whose every touch is recorded: attribute, call, item, truth test, path, module name."""
+"""Hosts drawn from a seed, with every operation on them recorded: attribute, call, item, comparison, path, name."""
 
 import collections
 import operator
 import random
 import types
+from collections.abc import Mapping
 from pathlib import PurePosixPath
 
 import oracle
@@ -19,17 +20,18 @@ class Fault(Exception):
 
 
 class Recorder:
-    """Notes every touch; raises at touch number `fail_at`, or calls `disturb` at number `disturb_at`."""
+    """Notes every operation; raises at number `fail_at`, or calls `disturb` at number `disturb_at`."""
 
-    def __init__(self):
-        self.touches, self.fail_at, self.fault, self.disturb_at = [], None, None, None
+    def __init__(self, fail_at=None, disturb_at=None):
+        self.operations, self.fault = [], None
+        self.fail_at, self.disturb_at = fail_at, disturb_at
 
-    def __call__(self, *touch):
-        self.touches.append(touch)
-        if len(self.touches) - 1 == self.fail_at:
+    def __call__(self, *operation):
+        self.operations.append(plain(operation))
+        if len(self.operations) - 1 == self.fail_at:
             self.fault = OSError("fault") if self.fail_at % 2 else Fault()
             raise self.fault
-        if len(self.touches) - 1 == self.disturb_at:
+        if len(self.operations) - 1 == self.disturb_at:
             self.disturb()
 
 
@@ -56,8 +58,9 @@ class Traced:
 
 def traced_operation(name, operation):
     def method(self, *args, **kwargs):
-        self.record(self.name, name, plain(args), plain(list(kwargs.items())))
-        return self.wrap(f".{args[0]}" if name == "getattr" else name, operation(self.value, *args, **kwargs))
+        self.record(self.name, name, args, kwargs)
+        result = operation(self.value, *[plain(arg) for arg in args] if name in ("eq", "ne") else args, **kwargs)
+        return self.wrap(f".{args[0]}" if name == "getattr" else name, result)
 
     return method
 
@@ -70,6 +73,7 @@ for name, operation in {
     "bool": bool,
     "truediv": operator.truediv,
     "rand": lambda value, other: other & value,
+    "ror": lambda value, other: other | value,
     "eq": operator.eq,
     "ne": operator.ne,
 }.items():
@@ -79,7 +83,7 @@ for name, operation in {
 class Id(str):
     """A page id that formats itself."""
 
-    record = staticmethod(lambda *touch: None)
+    record = staticmethod(lambda *operation: None)
 
     def __format__(self, spec):
         self.record("format", str(self), spec)
@@ -100,15 +104,24 @@ class Picky(set):
         raise Fault(member)
 
 
-ODD_IDS = [Alike, Id, int, float, lambda name: (name,), lambda name: [name], lambda name: f"\ud800{name}"]
-ODD_IDS += [lambda name: name * 100_000, lambda name: None, str, str, str, str, str]
+ODD_IDS = [
+    Alike,
+    Id,
+    int,
+    float,
+    lambda name: (name,),
+    lambda name: [name],
+    lambda name: f"\ud800{name}",
+    "漢{}".format,
+]
+ODD_IDS += [lambda name: name * 100_000, lambda name: None, *[str] * 5]
 ODD_ROWS = [types.MappingProxyType, collections.UserDict, lambda row: 7, *[dict] * 9]
 
 
 def plain(value):
     if isinstance(value, Traced):
         return plain(value.value)
-    if isinstance(value, dict):
+    if isinstance(value, Mapping):
         return {key: plain(member) for key, member in value.items()}
     if isinstance(value, list | tuple | set):
         return [plain(member) for member in (sorted(value, key=repr) if isinstance(value, set) else value)]
@@ -122,7 +135,7 @@ def coin(*key):
 class File(PurePosixPath):
     """A path whose answers depend on its name alone, which begins with the world's seed."""
 
-    record = staticmethod(lambda *touch: None)
+    record = staticmethod(lambda *operation: None)
     is_dir = exists = is_file = lambda self: self.record("asked", self) or coin(self)
     glob = lambda self, pattern: ["one.md", "two.md"] if coin(self, pattern) else []
 
@@ -140,8 +153,8 @@ class World:
     """A host drawn from a seed: rows, index, plan, remap and collaborators.
 
     Args:
-        traced: whether every object is traced; else plain objects take the module's quicker ways, and only host, store,
-            paths and collaborators record.
+        traced: whether every object is traced, and names stand in a namespace that is no exact dict; else plain objects
+            take the module's quicker ways, and only host, store, paths and collaborators record.
         odd: whether ids, rows and sets are what no sane host would hand in.
     """
 
@@ -153,15 +166,14 @@ class World:
         if odd:
             ids = [draw.choice(ODD_IDS)(f"{i}") for i in range(8)]
         some = lambda population, most: draw.sample(population, min(draw.randrange(most + 1), len(population)))
+        levels = [None, "", "note", "module", self.trace("level", "note"), self.trace("level", "module")]
         rows = []
         for page_id in [*ids, *some(ids, 1)]:
             row = {"page_id": page_id, "title": draw.choice(["", f"Title {page_id}", None])}
-            row |= {"level": draw.choice([None, "", "note", "module"]), "rel_path": draw.choice([None, "notes/x.md"])}
-            row |= {
-                "source_files": draw.choice([None, [], ["d.c", "b.c", "a.c", "c.c", "b.c"]]),
-                "related_pages": some(ids, 3),
-            }
-            row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}]), "summary": f"of {page_id}"}
+            row |= {"level": draw.choice(levels), "rel_path": draw.choice([None, "notes/x.md"])}
+            files = draw.choice([None, [], ["d.c", "b.c", "a.c", "c.c", "b.c"]])
+            row |= {"source_files": files, "related_pages": some(ids, 3), "summary": f"of {page_id}"}
+            row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}])}
             rows.append(self.trace(f"row {page_id}", draw.choice(ODD_ROWS)(row) if odd else row))
         self.make_set = draw.choice([set, Picky]) if odd else set
         ids = [page_id for page_id in ids if not isinstance(page_id, list)]  # which is no key
@@ -171,12 +183,14 @@ class World:
         self.merged = {new: some([*ids, "gone"], 4) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
         self.indexed = draw.choice([[], ["a.c", "z.c"], ["z.c"], ["z.c"]])
         self.rows = rows
-        self.host = self.make_host(rules)
+        self.space, methods = self.traced_namespace(rules) if traced else self.own_namespace(rules)
+        self.host = self.make_host(methods)
 
-    def make_host(self, rules):
-        namespace = self.collaborators() | {"__builtins__": __builtins__}
-        for name in MODULE_NAMES:
-            namespace.setdefault(name, getattr(oracle, name, None))
+    def own_namespace(self, rules):
+        vars(rules).update(self.collaborators())
+        return vars(rules), vars(rules.PageRetirementMixin)
+
+    def traced_namespace(self, rules):
         record = self.record
 
         class Namespace(dict):
@@ -185,39 +199,38 @@ class World:
                     record("global", name)
                 return super().__getitem__(name)
 
-        # Names of a namespace that is no exact dict are looked up through its own subscription.
-        space = self.space = Namespace(namespace) if self.traced else namespace
+        space = Namespace({name: getattr(oracle, name, None) for name in MODULE_NAMES})
+        space.update(self.collaborators(), __builtins__=__builtins__)
         rebuild = lambda f: types.FunctionType(f.__code__, space, f.__name__, f.__defaults__)
         dict.__setitem__(space, "_judged_sources", rebuild(rules._judged_sources))
-        methods = {name: rebuild(f) for name, f in vars(rules.PageRetirementMixin).items() if callable(f)}
+        return space, {name: rebuild(f) for name, f in vars(rules.PageRetirementMixin).items() if callable(f)}
 
-        select, prune = methods["_retired_page_ids"], methods["_prune_retired_pages"]
-
-        def selected(*args):
-            self.deletes = select(*args) if self.make_set is set else self.make_set(select(*args))
+    def make_host(self, methods):
+        def selected(host, *args):
+            deletes = methods["_retired_page_ids"](host, *args)
+            self.deletes = deletes if self.make_set is set else self.make_set(deletes)
             return self.trace("deletes", self.deletes)
 
         def pruned(host, existing, *args):
             self.existing = existing
-            return prune(host, existing, *args)
-
-        methods |= {"_retired_page_ids": selected, "_prune_retired_pages": pruned}
+            return methods["_prune_retired_pages"](host, existing, *args)
 
         def read(host, name):
             if not name.startswith("__"):
-                record("self", name)
+                self.record("self", name)
             return object.__getattribute__(host, name)
 
-        host = type("Host", (), {**methods, "__getattribute__": read})()
+        changed = {"_retired_page_ids": selected, "_prune_retired_pages": pruned, "__getattribute__": read}
+        for name in ("_indexed_paths", "_notes_whose_file_is_gone") if self.traced else ():
+            changed[name] = lambda host, *args, name=name: self.trace(name, methods[name](host, *args))
+        host = type("Host", (), {name: f for name, f in methods.items() if callable(f)} | changed)()
         host.repository, host.branch = self.trace("store", self.store()), "main"
         host.repo_root = self.trace("root", File(f"{self.seed}/root"))
         host.pages_dir = self.trace("pages", File(f"{self.seed}/wiki/pages"))
         return host
 
-    def recorded(self, name, function):
-        if not callable(function):
-            return function
-        return lambda *args: self.record(name, plain(args)) or function(*args)
+    def replan(self):
+        return self.host._apply_replan_to_store(self.remap, self.plan_ids)
 
     def store(self):
         log, swallows = self.record, coin(self.seed, "swallow")
@@ -227,14 +240,14 @@ class World:
                 log("enter")
 
             def __exit__(self, kind, value, traceback):
-                log("exit", kind, value if value is None else type(value))
+                log("exit", repr(kind), repr(type(value)))
                 return swallows and kind is Fault
 
         return types.SimpleNamespace(
             db=types.SimpleNamespace(transaction=Transaction),
             get_wiki_pages=lambda branch: self.rows,
             list_indexed_files=lambda *, source_only, limit: ([{"path": p} for p in self.indexed], 0, 0, 0),
-            upsert_wiki_page=lambda *args, **fields: log("upsert", plain(args), plain(fields)),
+            upsert_wiki_page=lambda *args, **fields: log("upsert", args, fields),
             delete_wiki_page=lambda branch, page_id: log("delete", branch, page_id) or coin(self.seed, page_id),
         )
 
@@ -247,31 +260,32 @@ class World:
             "cached_prose": lambda row: plain(row).get("summary", ""),
             "with_carried": lambda text, sections: "|".join([plain(text), *plain(sections)]),
             "_atomic_write": lambda path, text: None,
-            "logger": types.SimpleNamespace(warning=lambda *args: None),
         }
-        if not self.traced:
-            functions["logger"].warning = self.recorded("warning", functions["logger"].warning)
-        watched = self.trace if self.traced else self.recorded
-        names = {name: watched(name, value) for name, value in functions.items()}
-        return names | {"NOTE_LEVEL": "note" if self.seed % 4 else "module"}
+        recorded = lambda name, function: lambda *args: self.record(name, args) or function(*args)
+        watched = self.trace if self.traced else recorded
+        names = {name: watched(name, function) for name, function in functions.items()}
+        logger = types.SimpleNamespace(warning=watched("warning", lambda *args: None))
+        level = "note" if self.seed % 4 else "module"
+        return names | {"logger": self.trace("logger", logger), "NOTE_LEVEL": self.trace("NOTE_LEVEL", level)}
 
 
 def run(seed, rules, traced, fail_at=None, disturb_at=None, odd=False):
-    """What a replan gives or raises, and its touches; disturbed in the middle at touch number `disturb_at`."""
-    record = Recorder()
-    world = World(seed, rules, record, traced, odd)
-    record.touches.clear()
-    record.fail_at, record.disturb_at = fail_at, disturb_at
-    record.disturb = lambda: disturb(world, random.Random(f"{seed} {disturb_at}"))
-    Id.record = File.record = record
+    """What a replan gives or raises, and its operations; disturbed in the middle at operation number `disturb_at`."""
+    namespace, record = dict(vars(rules)), Recorder()
     try:
-        outcome = world.host._apply_replan_to_store(world.remap, world.plan_ids)
+        world = World(seed, rules, record, traced, odd)
+        record.__init__(fail_at, disturb_at)
+        record.disturb = lambda: disturb(world, random.Random(f"{seed} {disturb_at}"))
+        Id.record = File.record = record
+        outcome = world.replan()
     except Exception as error:
         outcome = type(error), str(error)
         assert record.fault in (None, error) or type(error) is RuntimeError  # the very object, or a swallowed one
     finally:
-        Id.record = File.record = staticmethod(lambda *touch: None)
-    return outcome, record.touches
+        Id.record = File.record = staticmethod(lambda *operation: None)
+        vars(rules).clear()
+        vars(rules).update(namespace)
+    return outcome, record.operations
 
 
 def disturb(world, draw):

@@ -20,6 +20,7 @@ void raise_from(Handle cause, PyObject* exception_type, At<const char*> message)
 }
 
 void add_traceback(Error& error, const char* function, PyObject* globals) noexcept {
+  if (!PyErr_Occurred()) PyErr_NoMemory();  // which the interpreter's compiler does not always say
   if (std::exchange(error.in_traceback, true)) return;
   PyObject *type, *value, *traceback;
   PyErr_Fetch(&type, &value, &traceback);  // first: what follows needs the error indicator for itself

@@ -163,9 +163,7 @@ Object compiled(Handle source) {
   PyCompilerFlags flags = {.cf_flags = CO_FUTURE_ANNOTATIONS, .cf_feature_version = PY_MINOR_VERSION};
   constexpr int keep_docstrings = 0;
   const Object no_file = string("");
-  PyObject* code = Py_CompileStringObject(text, no_file.get(), Py_file_input, &flags, keep_docstrings);
-  if (code == nullptr && !PyErr_Occurred()) PyErr_NoMemory();  // which the parser does not always say
-  return steal(code);
+  return steal(Py_CompileStringObject(text, no_file.get(), Py_file_input, &flags, keep_docstrings));
 }
 
 /// The code of the one function that `source` defines.

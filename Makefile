@@ -65,8 +65,8 @@ coverage: build/Coverage/quillstone $(VENV)/coverage.stamp  ## which lines and b
 
 lint: $(VENV)/lint.stamp
 	git ls-files '*.cpp' '*.hpp' | xargs $(BIN)/clang-format --dry-run --Werror
-	$(BIN)/cmake -S . -B build/lint -G Ninja -DCMAKE_CXX_COMPILER=g++ -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
-	git ls-files 'src/*.cpp' | xargs -P 2 -n 1 $(BIN)/clang-tidy --quiet -p build/lint
+	$(BIN)/cmake -S . -B build/lint-$(VERSION) -G Ninja -DCMAKE_CXX_COMPILER=g++ -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
+	git ls-files 'src/*.cpp' | xargs -P 2 -n 1 $(BIN)/clang-tidy --quiet -p build/lint-$(VERSION)
 	$(BIN)/ruff check
 	$(BIN)/ruff format --check
 	$(BIN)/mypy host
@@ -104,9 +104,9 @@ wheel: $(VENV)/wheel.stamp  ## sdist and wheel into dist/, the wheel's manylinux
 install-into:  ## the extension and its types into a host's own package tree: make install-into TREE=path
 	@test -d "$(TREE)/quillstone" || { echo "TREE=$(TREE) holds no package quillstone" >&2; exit 2; }
 	@$(MAKE) --no-print-directory $(VENV)/build.stamp
-	$(BIN)/cmake -S . -B build/tree -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
-	$(BIN)/cmake --build build/tree
-	$(BIN)/cmake --install build/tree --prefix "$(TREE)"
+	$(BIN)/cmake -S . -B build/tree-$(VERSION) -G Ninja -DPython_EXECUTABLE=$(CURDIR)/$(BIN)/python >/dev/null
+	$(BIN)/cmake --build build/tree-$(VERSION)
+	$(BIN)/cmake --install build/tree-$(VERSION) --prefix "$(TREE)"
 
 clean:
 	rm -rf build dist .venv .venv-*

@@ -112,7 +112,7 @@ def test_a_host_imports_the_module_and_sees_its_types(wheel, tmp_path, host_is):
     run(sys.executable, "-m", "venv", "--without-pip", tmp_path / "env")
     host = make_host(tmp_path / "host", packages=host_is == "a regular package")
     if host_is == "a regular package":
-        run("make", "install-into", f"TREE={host}")
+        run("make", "install-into", f"TREE={host}", f"PYTHON={sys.executable}")
     else:
         run(sys.executable, "-m", "pip", "--python", python, "install", "--no-deps", wheel)
     run(python, "-c", "from quillstone.workers.wiki import page_retirement as m; m.PageRetirementMixin()", cwd=host)

@@ -34,7 +34,9 @@ def resident():
 
 
 def use(module):
-    """A replan that carries prose, and one that fails in the middle."""
+    """A replan that carries prose, and one that fails in the middle, with a module that nobody has used before."""
+    assert not hasattr(module.PageRetirementMixin, "used")
+    module.PageRetirementMixin.used = True
     adopt(module)
     host = make_host(module)
     assert host._apply_replan_to_store(REMAP, PLAN) == 4

@@ -5,9 +5,7 @@ import copy
 import importlib
 import inspect
 import pickle
-import subprocess
 import sys
-import textwrap
 import types
 import weakref
 from pathlib import Path
@@ -126,19 +124,6 @@ def test_code_and_defaults_can_be_assigned():
             misuse()
 
 
-def test_names_are_looked_up_at_each_use(monkeypatch):
-    judged = page_retirement._judged_sources
-    monkeypatch.setattr(page_retirement, "_norm", str.upper)
-    assert judged({"source_files": ["a"]}, {}) == ["A"]
-    monkeypatch.delattr(page_retirement, "_norm")
-    with pytest.raises(NameError) as missing:
-        judged({"source_files": ["a"]}, {})
-    assert (str(missing.value), missing.value.name) == ("name '_norm' is not defined", "_norm")
-    for builtin in (lambda path: "one", lambda path: "two"):
-        monkeypatch.setattr("builtins._norm", builtin, raising=False)
-        assert judged({"source_files": ["a"]}, {}) == [builtin("a")]
-
-
 @pytest.fixture
 def fresh(monkeypatch):
     """Imports the module anew, beside the one that the other tests hold."""
@@ -165,69 +150,12 @@ def test_a_failed_import_leaves_nothing_and_a_second_try_succeeds(fresh, monkeyp
         with pytest.raises(KeyboardInterrupt) as caught:
             fresh()
         assert caught.value is error and NAME not in sys.modules
-    assert fresh() is importlib.import_module(NAME)
-
-
-def stand_in(**attributes):
-    """A sibling module with these attributes; None takes one away."""
-    module = types.ModuleType("quillstone.workers.wiki_types")
-    vars(module).update(attributes)
-    for name in [name for name, value in attributes.items() if value is None]:
-        delattr(module, name)
-    return module
-
-
-ODD_SIBLINGS = [
-    {"__name__": name, "__file__": file, "__spec__": types.SimpleNamespace(name="n", _initializing=initializing)}
-    for name in ("n", 7, None) for file in ("f.py", None) for initializing in (True, False)
-    if name or not file  # the interpreter forgets an error there
-]  # fmt: skip
-
-
-@pytest.mark.parametrize("odd", [*ODD_SIBLINGS, {"__name__": "os"}, {"__getattr__": lambda name: 1 / 0}, None, 7])
-def test_an_odd_sibling_fails_the_import_as_an_import_statement_does(fresh, monkeypatch, odd):
-    sibling = stand_in(**odd) if isinstance(odd, dict) else odd
-    monkeypatch.setitem(sys.modules, "quillstone.workers.wiki_types", sibling)
+    monkeypatch.setitem(sys.modules, "quillstone.workers.wiki_types", sibling := types.ModuleType("odd"))
     outcomes = []
     for attempt in (fresh, lambda: exec("from quillstone.workers.wiki_types import NOTE_LEVEL", {})):
-        with pytest.raises((ImportError, ArithmeticError)) as failure:
+        with pytest.raises(ImportError) as failure:
             attempt()
-        error = failure.value
-        outcomes.append((type(error), str(error), getattr(error, "name", None), getattr(error, "path", None)))
+        outcomes.append((str(failure.value), failure.value.name, failure.value.path))
     assert outcomes[0] == outcomes[1]
-
-
-def test_what_an_import_finds(fresh, monkeypatch):
-    monkeypatch.setitem(sys.modules, "quillstone.workers.wiki_types", stand_in(__name__="parent"))
-    monkeypatch.setitem(sys.modules, "parent.NOTE_LEVEL", "a submodule that its package does not know yet")
-    assert fresh().NOTE_LEVEL.startswith("a submodule")
-    monkeypatch.delattr("builtins.__import__")
-    with pytest.raises(ImportError, match="__import__ not found"):
-        fresh()
-
-
-def test_subinterpreters_have_their_own_module():
-    code = f"""
-        import sys, types
-        class Anything(types.ModuleType):
-            __getattr__ = lambda self, name: str.upper
-        for name in ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.repo_facts",
-                     "workers.wiki_types"):
-            sys.modules["quillstone." + name] = Anything(name)
-        from {NAME.rpartition(".")[0]} import page_retirement as module
-        assert module._judged_sources({{"source_files": ["a"]}}, {{}}) == ["A"]
-        assert not hasattr(module.PageRetirementMixin, "mark")
-        module.PageRetirementMixin.mark = 1
-    """
-    program = f"""
-        import sys
-        from lifetimes import interpreters
-        code = {textwrap.dedent(code)!r}
-        exec(code)
-        for _ in range(3):
-            other = interpreters.create()
-            assert not interpreters.run_string(other, f"import sys; sys.path[:] = {{sys.path!r}}\\n" + code)
-            interpreters.destroy(other)
-        assert module._judged_sources({{"source_files": ["b"]}}, {{}}) == ["B"]
-    """
-    subprocess.run([sys.executable, "-c", textwrap.dedent(program)], check=True, cwd=Path(__file__).parent)
+    sibling.NOTE_LEVEL = "any"
+    assert fresh() is importlib.import_module(NAME)

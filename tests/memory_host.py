@@ -1,7 +1,6 @@
 """A host in memory, small and without imports of the application: what the module needs, and no more."""
 
 import contextlib
-import json
 import types
 
 COLLABORATORS = {
@@ -50,24 +49,6 @@ class Store:
         except BaseException:
             self.rows = before
             raise
-
-
-class RowStore(Store):
-    """One that gives back what was stored."""
-
-    indexed = ("indexed.py",)
-
-    def list_indexed_files(self, source_only, limit):
-        return [{"path": path} for path in self.indexed], False, limit, len(self.indexed)
-
-    def save_wiki_page(self, branch, page_id, title, chunks=(), **row):
-        self.rows[page_id] = {"page_id": page_id, "title": title, **row}
-
-    def upsert_wiki_page(self, branch, page_id, title, *, build_cache, **row):
-        self.save_wiki_page(branch, page_id, title, build_cache=json.loads(build_cache), **row)
-
-    def get_wiki_pages(self, branch):
-        return [dict(row) for _, row in sorted(self.rows.items())]
 
 
 ROWS = [

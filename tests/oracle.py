@@ -28,15 +28,18 @@ class PageRetirementMixin:
     def _prune_retired_pages(self, existing, plan_ids, remap=None):
         deletes = self._retired_page_ids(existing, plan_ids)
         successors = self._carry_into_successors(remap if remap is not None else {}, deletes)
-        completed = False
+        swallowed = None
         with self.repository.db.transaction():
-            for new_id, (row, files, carried) in successors.items():
-                self._upsert_successor(new_id, row, files, carried)
-            deleted = [pid for pid in sorted(deletes) if self.repository.delete_wiki_page(self.branch, pid)]
-            completed = True
-        if not completed:
+            try:
+                for new_id, (row, files, carried) in successors.items():
+                    self._upsert_successor(new_id, row, files, carried)
+                deleted = [pid for pid in sorted(deletes) if self.repository.delete_wiki_page(self.branch, pid)]
+            except BaseException as error:
+                swallowed = error
+                raise
+        if swallowed is not None:
             raise RuntimeError("the store's transaction swallowed an exception, so what it committed is unknown: "
-                               "no page file is removed")
+                               "no page file is removed") from swallowed
         for pid in deleted:
             with contextlib.suppress(OSError):
                 (self.pages_dir / f"{pid}.md").unlink(missing_ok=True)
@@ -76,9 +79,11 @@ class PageRetirementMixin:
         seeds = {}
         merged = merged_predecessors(remap)
         for new_id, old_id in remap.items():
-            if old_id in rows and new_id in rows:
+            if old_id not in rows:
+                continue
+            if new_id in rows:
                 merged.setdefault(new_id, []).insert(0, old_id)
-            elif old_id in rows:
+            else:
                 seeds[new_id] = old_id
         carried = {new_id: [pid for pid in pids if pid in deletes and pid in rows] for new_id, pids in merged.items()}
         sections = {}
@@ -86,8 +91,14 @@ class PageRetirementMixin:
             sections[new_id] = carried_sections(
                 (rows[pid].get("title") or pid, page_prose(self._page_text(pid), rows[pid])) for pid in pids
             )
+        visited = {}
+        for new_id in seeds:
+            visited[new_id] = None
+        for new_id, blocks in sections.items():
+            if blocks:
+                visited[new_id] = None
         successors = {}
-        for new_id in [*seeds, *[new_id for new_id, blocks in sections.items() if blocks and new_id not in seeds]]:
+        for new_id in visited:
             base_id = seeds.get(new_id, new_id)
             row = rows.get(base_id) or {}
             blocks = sections.get(new_id, [])

@@ -6,7 +6,7 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
-from worlds import Recorder, World, run
+from worlds import World, disturb, fail, give_something_odd, run
 
 TRACED = pytest.mark.parametrize("traced", [True, False])
 ODD = pytest.mark.parametrize("odd", [True, False])
@@ -17,24 +17,18 @@ SEEDS = [*range(4), *(pytest.param(seed, marks=pytest.mark.long) for seed in ran
 @ODD
 @pytest.mark.parametrize("seed", range(150))
 def test_operations_are_those_of_plain_python(seed, odd, traced):
-    assert run(seed, page_retirement, traced, odd=odd) == run(seed, oracle, traced, odd=odd)
-
-
-@pytest.mark.parametrize("seed", range(8))
-def test_a_failure_at_any_operation_unwinds_as_in_plain_python(seed):
-    operations = run(seed, oracle, True)[1]
-    for fail_at, operation in enumerate(operations):
-        assert run(seed, page_retirement, True, fail_at) == run(seed, oracle, True, fail_at), operation
+    assert run(seed, page_retirement, traced, odd) == run(seed, oracle, traced, odd)
 
 
 @TRACED
 @ODD
+@pytest.mark.parametrize("incident", [fail, disturb, give_something_odd])
 @pytest.mark.parametrize("seed", SEEDS)
-def test_what_changes_in_the_middle(seed, odd, traced, figures):
-    for at, operation in enumerate(run(seed, oracle, traced, odd=odd)[1]):
-        ours, plain = (run(seed, rules, traced, disturb_at=at, odd=odd) for rules in (page_retirement, oracle))
+def test_what_happens_at_an_operation(seed, incident, odd, traced, figures):
+    for at, operation in enumerate(run(seed, oracle, traced, odd)[1]):
+        ours, plain = (run(seed, rules, traced, odd, at, incident) for rules in (page_retirement, oracle))
         assert ours == plain, (at, operation)
-        figures["disturbances in the middle of a replan"] += 1
+        figures[f"operations at which something happened: {incident.__name__}"] += 1
 
 
 METHODS = [name for name in vars(PageRetirementMixin) if name.startswith("_") and not name.startswith("__")]
@@ -51,7 +45,7 @@ def test_a_call_that_leads_back_ends_in_recursion_error(name, monkeypatch):
         with monkeypatch.context() as patch:
             for known in vars(page_retirement):
                 patch.setitem(vars(page_retirement), known, vars(page_retirement)[known])
-            calls, world = [], World(seed, page_retirement, Recorder(), False)
+            calls, world = [], World(seed, page_retirement, False)
             for _ in range(2000):  # takes no level of recursion for good
                 page_retirement._judged_sources(page={}, existing={})
             patch.setattr(type(world.host), name, again) if name in METHODS else patch.setitem(world.space, name, again)

@@ -1,45 +1,77 @@
-"""Hosts drawn from a seed, with every operation on them recorded: attribute, call, item, comparison, path, name."""
+"""Hosts drawn from a seed, with every operation on them recorded: attribute, call, item, comparison, path, name.
 
+One operation of a replan can be an incident: it fails, it changes something that is being read, or it gives something
+that no sane host gives.
+"""
+
+import _testcapi
 import collections
+import contextvars
+import functools
+import io
 import operator
 import random
+import sys
+import traceback
 import types
-from collections.abc import Mapping
+import warnings
 from pathlib import PurePosixPath
 
 import oracle
 
-MODULE_NAMES = (
-    "_atomic_write _norm cached_prose carried_sections contextlib json logger merged_predecessors page_prose "
-    "with_carried NOTE_LEVEL"
-).split()
+COLLABORATORS = {
+    "_norm": lambda path: path,
+    "carried_sections": lambda pairs: [f"{title}: {prose}" for title, prose in pairs],
+    "page_prose": lambda text, row: text or "none",
+    "cached_prose": lambda row: plain(row).get("summary", ""),
+    "with_carried": lambda text, sections: "|".join([plain(text), *plain(sections)]),
+    "_atomic_write": lambda path, text: None,
+}
+NAMES = [*COLLABORATORS, "merged_predecessors", "contextlib", "json", "logger", "NOTE_LEVEL", "_judged_sources"]
 
 
-class Fault(Exception):
+class Odd:
+    """Something that no sane host hands in, with the same text and place in a set wherever it lies."""
+
+    __repr__ = lambda self: type(self).__name__
+    __hash__ = lambda self: 1
+
+
+class Fault(Odd, Exception):
     pass
 
 
 class Recorder:
-    """Notes every operation; raises at number `fail_at`, or calls `disturb` at number `disturb_at`."""
+    """Notes every operation and does it; number `at` is an incident instead."""
 
-    def __init__(self, fail_at=None, disturb_at=None):
-        self.operations, self.fault = [], None
-        self.fail_at, self.disturb_at = fail_at, disturb_at
+    def __init__(self, at=None, incident=None):
+        self.operations, self.at, self.incident, self.raised = [], at, incident, None
 
-    def __call__(self, *operation):
+    def __call__(self, *operation, gives=lambda: None):
         self.operations.append(plain(operation))
-        if len(self.operations) - 1 == self.fail_at:
-            self.fault = OSError("fault") if self.fail_at % 2 else Fault()
-            raise self.fault
-        if len(self.operations) - 1 == self.disturb_at:
-            self.disturb()
+        return self.incident(gives) if len(self.operations) - 1 == self.at else gives()
+
+
+RECORD = contextvars.ContextVar("the recorder of this thread", default=lambda *operation, gives=lambda: None: gives())
+record = lambda *operation, **gives: RECORD.get()(*operation, **gives)
+
+
+def plain(value):
+    """What can be compared, and reads the same wherever it lies."""
+    if isinstance(value, Traced):
+        return plain(value.value)
+    if isinstance(value, dict | types.MappingProxyType):
+        return {str(key): plain(member) for key, member in value.items()}
+    if isinstance(value, list | tuple | set):
+        return [plain(member) for member in (sorted(value, key=repr) if isinstance(value, set) else value)]
+    return value if isinstance(value, str | int | float | None) else f"<{type(value).__name__}>"
 
 
 class Traced:
     """Any object, with every operation on it recorded; containers that come out of it are traced as well."""
 
-    def __init__(self, record, name, value):
-        self.__dict__.update(record=record, name=name, value=value)
+    def __init__(self, name, value):
+        self.__dict__.update(name=name, value=value)
 
     __repr__ = lambda self: f"<{self.name}>"
     __hash__ = lambda self: hash(self.name)  # which does not depend on where it lies
@@ -47,20 +79,20 @@ class Traced:
     def wrap(self, how, result):
         if result is None or isinstance(result, str | int | Traced) or hasattr(result, "__enter__"):
             return result
-        return Traced(self.record, f"{self.name}{how}", result)
+        return Traced(f"{self.name}{how}", result)
 
     def __iter__(self):
-        self.record(self.name, "iter")
+        record(self.name, "iter")
         for index, member in enumerate(self.value):
-            self.record(self.name, "next", index)
-            yield self.wrap(f"<{index}>", member)
+            yield record(self.name, "next", index, gives=functools.partial(self.wrap, f"<{index}>", member))
 
 
 def traced_operation(name, operation):
     def method(self, *args, **kwargs):
-        self.record(self.name, name, args, kwargs)
-        result = operation(self.value, *[plain(arg) for arg in args] if name in ("eq", "ne") else args, **kwargs)
-        return self.wrap(f".{args[0]}" if name == "getattr" else name, result)
+        operands = [plain(arg) for arg in args] if name in ("eq", "ne") else args
+        how = f".{args[0]}" if name == "getattr" else name
+        gives = lambda: self.wrap(how, operation(self.value, *operands, **kwargs))
+        return record(self.name, name, args, kwargs, gives=gives)
 
     return method
 
@@ -68,85 +100,146 @@ def traced_operation(name, operation):
 for name, operation in {
     "getattr": getattr,
     "call": lambda function, *args, **kwargs: function(*args, **kwargs),
-    "getitem": operator.getitem,
-    "contains": operator.contains,
-    "bool": bool,
-    "truediv": operator.truediv,
     "rand": lambda value, other: other & value,
     "ror": lambda value, other: other | value,
-    "eq": operator.eq,
-    "ne": operator.ne,
+    **{name: getattr(operator, name) for name in ("getitem", "contains", "truediv", "eq", "ne")},
+    "bool": bool,
 }.items():
     setattr(Traced, f"__{name}__", traced_operation(name, operation))
 
 
 class Id(str):
-    """A page id that formats itself."""
+    """A page id whose uses are seen."""
 
-    record = staticmethod(lambda *operation: None)
-
-    def __format__(self, spec):
-        self.record("format", str(self), spec)
-        return f"<{self!s}>"
+    __format__ = lambda self, spec: record("format", str(self), spec, gives=lambda: f"<{self!s}>")
+    __hash__ = lambda self: record("hash", str(self), gives=lambda: str.__hash__(self))
 
 
-class Alike(str):
-    """Page ids that are equal where their last letters are."""
+class Alike(Id):
+    """Ids that are equal where their last letters are, which then are compared with each other."""
 
-    __eq__ = lambda self, other: isinstance(other, str) and self[-1:] == other[-1:]
     __hash__ = lambda self: hash("p0")
+    __eq__ = lambda self, other: record("eq", str(self), str(other), gives=lambda: self[-1:] == str(other)[-1:])
+
+
+class Key(str):
+    """One that meets every look-up of "title" and cannot be compared."""
+
+    __hash__ = lambda self: hash("title")
+    __eq__ = lambda self, other: record("eq", str(self), str(other), gives=lambda: 1 / 0)
 
 
 class Picky(set):
-    def __contains__(self, member):
-        if coin(member, "picky"):
-            return set.__contains__(self, member)
-        raise Fault(member)
+    __contains__ = lambda self, member: record("in", member, gives=lambda: set.__contains__(self, member))
+    __rand__ = lambda self, other: record("and", other, gives=lambda: set(other) & set(self))
 
 
-ODD_IDS = [
-    Alike,
-    Id,
-    int,
-    float,
-    lambda name: (name,),
-    lambda name: [name],
-    lambda name: f"\ud800{name}",
-    "漢{}".format,
-]
-ODD_IDS += [lambda name: name * 100_000, lambda name: None, *[str] * 5]
-ODD_ROWS = [types.MappingProxyType, collections.UserDict, lambda row: 7, *[dict] * 9]
+class Row(dict):
+    get = lambda self, key: record("get", key, gives=lambda: dict.get(self, key))
+    __getitem__ = lambda self, key: record("item", key, gives=lambda: dict.__getitem__(self, key))
 
 
-def plain(value):
-    if isinstance(value, Traced):
-        return plain(value.value)
-    if isinstance(value, Mapping):
-        return {key: plain(member) for key, member in value.items()}
-    if isinstance(value, list | tuple | set):
-        return [plain(member) for member in (sorted(value, key=repr) if isinstance(value, set) else value)]
-    return f"<{type(value).__name__}>" if callable(value) or isinstance(value, types.GeneratorType) else value
+class Lying(Odd):
+    """No dict and no string, though it says so."""
+
+    __class__ = property(lambda self: record("class", gives=lambda: dict))
+    keys = lambda self: ["é"]
+    __getitem__ = lambda self, key: 1 if key in ("é", 0) else [][0]
 
 
-def coin(*key):
-    return random.Random(repr(key)).random() < 0.6
+class Giving(Odd):
+    def __init__(self, value):
+        self.value = value
+
+    __call__ = lambda self, *args, **kwargs: self.value
+
+
+class Half(Odd):
+    __enter__ = lambda self: record("enter")
+
+
+class Unusual(Half):
+    __exit__ = str.upper
+
+
+class Open(Odd, io.StringIO):
+    pass
+
+
+class Lazy(Odd):
+    def __iter__(self):
+        yield from ["a.c", "p1"]
+
+
+class Module(Odd, types.ModuleType):
+    __getattr__ = lambda self, name: Giving(f"{name} of a module")
+
+
+with warnings.catch_warnings():
+    warnings.simplefilter("ignore")
+    LEGACY = getattr(_testcapi, "unicode_legacy_string", str)("note")  # made the old way, where there is one
+
+
+def something_odd(draw):
+    kinds = [Lying, Half, Unusual, Open, Lazy, Fault, dict, list, str, Picky]
+    values = [None, 7, True, range(4), "a.c", "nota", "note\0", "\ud800", b"a.c", Fault, Id("note"), LEGACY]
+    values += [{1: {1}}, types.MappingProxyType({"a.c": 1}), {"p1": ({}, [], []), "é": 7}, {"a.c"}, frozenset("p")]
+    values += [["a.c", "p1"], [["a.c"]], [("a.c",)], [{}], ({"title": 7}, [], ["s"]), Module("odd"), Open("note")]
+    values += [([{"path": "a.c"}], 1, 2, 3), ([{"path": []}], 1, 2, 3), [1, 2, 3]]
+    value = draw.choice([draw.choice(kinds)(), draw.choice(values), draw.choice(values)])
+    return draw.choice([value, value, Giving(value)])
+
+
+def odd_id(draw, name):
+    kinds = [str, str, str, str, Alike, Alike, Id, int, float, "\ud800{}".format, "漢{}".format]
+    return draw.choice([draw.choice(kinds)(name)] * 7 + [(name,), [name], name * 100_000, None])
+
+
+def odd_row(draw, row):
+    keyless = Row({Key(): row["title"], **{name: row[name] for name in row if name != "title"}})
+    return draw.choice([*[row] * 9, types.MappingProxyType(row), collections.UserDict(row), 7, Row(row), keyless])
+
+
+@functools.cache
+def chance(text):
+    return random.Random(text).random() < 0.6
+
+
+coin = lambda *key: chance(repr(key))
 
 
 class File(PurePosixPath):
     """A path whose answers depend on its name alone, which begins with the world's seed."""
 
-    record = staticmethod(lambda *operation: None)
-    is_dir = exists = is_file = lambda self: self.record("asked", self) or coin(self)
+    is_dir = exists = is_file = lambda self: record("asked", self, gives=lambda: coin(self))
     glob = lambda self, pattern: ["one.md", "two.md"] if coin(self, pattern) else []
-
-    def read_text(self, encoding):
-        self.record("read", self)
-        return f"text of {self.name}" if coin(self.name, self.parts[0]) else " "
+    text = lambda self: f"text of {self.name}" if coin(self.name, self.parts[0]) else " "
+    read_text = lambda self, encoding: record("read", self, gives=self.text)
 
     def unlink(self, *, missing_ok):
-        self.record("unlink", self)
-        if coin(self, "unlink"):
+        if record("unlink", self, gives=lambda: coin(self, "unlink")):
             raise PermissionError(self)
+
+
+class Transaction:
+    def __init__(self, swallows):
+        self.swallows = swallows
+
+    __enter__ = lambda self: record("enter")
+
+    def __exit__(self, kind, value, trace):
+        seen = sys.exc_info() == (kind, value, trace), getattr(value, "__traceback__", None) is trace
+        return record("exit", repr(kind), seen, frames(trace), gives=lambda: self.swallows and kind is Fault)
+
+
+def frames(trace):
+    """The functions of a traceback, without what depends on the version: comprehensions, the module's own entry."""
+    codes = [frame.f_code for frame, _ in traceback.walk_tb(trace)]
+    return [code.co_name for code in codes if "<" not in (code.co_name[0], code.co_filename[0])]
+
+
+def recorded(name, function):
+    return lambda *args, **kwargs: record(name, args, kwargs, gives=lambda: function(*args, **kwargs))
 
 
 class World:
@@ -158,23 +251,24 @@ class World:
         odd: whether ids, rows and sets are what no sane host would hand in.
     """
 
-    def __init__(self, seed, rules, record, traced, odd=False):
-        self.seed, self.record, self.traced = seed, record, traced
-        self.trace = (lambda name, value: Traced(record, name, value)) if traced else (lambda name, value: value)
+    def __init__(self, seed, rules, traced, odd=False):
+        self.seed, self.traced = seed, traced
+        self.trace = Traced if traced else lambda name, value: value
         draw = random.Random(seed)
         ids = [Id(f"p{i}") if i % 3 == 0 else f"p{i}" for i in range(draw.randrange(1, 9))]
         if odd:
-            ids = [draw.choice(ODD_IDS)(f"{i}") for i in range(8)]
+            ids = [odd_id(draw, f"{i}") for i in range(8)]
         some = lambda population, most: draw.sample(population, min(draw.randrange(most + 1), len(population)))
         levels = [None, "", "note", "module", self.trace("level", "note"), self.trace("level", "module")]
-        rows = []
+        levels += [something_odd(draw)] if odd else []
+        self.rows = []
         for page_id in [*ids, *some(ids, 1)]:
             row = {"page_id": page_id, "title": draw.choice(["", f"Title {page_id}", None])}
             row |= {"level": draw.choice(levels), "rel_path": draw.choice([None, "notes/x.md"])}
             files = draw.choice([None, [], ["d.c", "b.c", "a.c", "c.c", "b.c"]])
             row |= {"source_files": files, "related_pages": some(ids, 3), "summary": f"of {page_id}"}
             row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}])}
-            rows.append(self.trace(f"row {page_id}", draw.choice(ODD_ROWS)(row) if odd else row))
+            self.rows.append(self.trace(f"row {page_id}", odd_row(draw, row) if odd else row))
         self.make_set = draw.choice([set, Picky]) if odd else set
         ids = [page_id for page_id in ids if not isinstance(page_id, list)]  # which is no key
         self.plan_ids = self.trace("plan", self.make_set(some(ids, 4)))
@@ -182,28 +276,24 @@ class World:
         self.remap = self.trace("remap", {new: draw.choice([*ids, "gone"]) for new in seeded})
         self.merged = {new: some([*ids, "gone"], 4) for new in [*some(ids, 2), *some(["n1", "n3"], 1)]}
         self.indexed = draw.choice([[], ["a.c", "z.c"], ["z.c"], ["z.c"]])
-        self.rows = rows
-        self.space, methods = self.traced_namespace(rules) if traced else self.own_namespace(rules)
-        self.host = self.make_host(methods)
+        self.space, methods = vars(rules), vars(rules.PageRetirementMixin)
+        if traced:
+            methods = self.rebuilt(rules, methods)
+        self.space.update(self.collaborators())
+        self.host = self.make_host({name: method for name, method in methods.items() if callable(method)})
 
-    def own_namespace(self, rules):
-        vars(rules).update(self.collaborators())
-        return vars(rules), vars(rules.PageRetirementMixin)
-
-    def traced_namespace(self, rules):
-        record = self.record
-
+    def rebuilt(self, rules, methods):
         class Namespace(dict):
             def __getitem__(self, name):
-                if name in self:  # built-in names are the module's own affair
-                    record("global", name)
-                return super().__getitem__(name)
+                item = functools.partial(dict.__getitem__, self, name)
+                return record("global", name, gives=item) if name in NAMES else item()
 
-        space = Namespace({name: getattr(oracle, name, None) for name in MODULE_NAMES})
-        space.update(self.collaborators(), __builtins__=__builtins__)
-        rebuild = lambda f: types.FunctionType(f.__code__, space, f.__name__, f.__defaults__)
-        dict.__setitem__(space, "_judged_sources", rebuild(rules._judged_sources))
-        return space, {name: rebuild(f) for name, f in vars(rules.PageRetirementMixin).items() if callable(f)}
+        self.space = Namespace({name: getattr(oracle, name, None) for name in NAMES}, __builtins__=__builtins__)
+        functions = {f.__name__: f for f in [rules._judged_sources, *methods.values()] if callable(f)}
+        for name, function in functions.items():
+            functions[name] = types.FunctionType(function.__code__, self.space, name, function.__defaults__)
+        self.space.update(_judged_sources=functions.pop("_judged_sources"))
+        return functions
 
     def make_host(self, methods):
         def selected(host, *args):
@@ -216,14 +306,13 @@ class World:
             return methods["_prune_retired_pages"](host, existing, *args)
 
         def read(host, name):
-            if not name.startswith("__"):
-                self.record("self", name)
-            return object.__getattribute__(host, name)
+            gives = lambda: object.__getattribute__(host, name)
+            return gives() if name.startswith("__") else record("self", name, gives=gives)
 
         changed = {"_retired_page_ids": selected, "_prune_retired_pages": pruned, "__getattribute__": read}
         for name in ("_indexed_paths", "_notes_whose_file_is_gone") if self.traced else ():
             changed[name] = lambda host, *args, name=name: self.trace(name, methods[name](host, *args))
-        host = type("Host", (), {name: f for name, f in methods.items() if callable(f)} | changed)()
+        host = type("Host", (), methods | changed)()
         host.repository, host.branch = self.trace("store", self.store()), "main"
         host.repo_root = self.trace("root", File(f"{self.seed}/root"))
         host.pages_dir = self.trace("pages", File(f"{self.seed}/wiki/pages"))
@@ -233,35 +322,22 @@ class World:
         return self.host._apply_replan_to_store(self.remap, self.plan_ids)
 
     def store(self):
-        log, swallows = self.record, coin(self.seed, "swallow")
+        def upsert(*args, **fields):
+            record("upsert", args, fields)
+            fields["symbols"].append("seen")  # which no other page's row is to show
 
-        class Transaction:
-            def __enter__(self):
-                log("enter")
-
-            def __exit__(self, kind, value, traceback):
-                log("exit", repr(kind), repr(type(value)))
-                return swallows and kind is Fault
-
-        return types.SimpleNamespace(
-            db=types.SimpleNamespace(transaction=Transaction),
-            get_wiki_pages=lambda branch: self.rows,
-            list_indexed_files=lambda *, source_only, limit: ([{"path": p} for p in self.indexed], 0, 0, 0),
-            upsert_wiki_page=lambda *args, **fields: log("upsert", args, fields),
-            delete_wiki_page=lambda branch, page_id: log("delete", branch, page_id) or coin(self.seed, page_id),
-        )
+        operations = {
+            "transaction": lambda: Transaction(coin(self.seed, "swallow")),
+            "get_wiki_pages": lambda branch: self.rows,
+            "list_indexed_files": lambda *, source_only, limit: ([{"path": path} for path in self.indexed], 0, 0, 0),
+            "delete_wiki_page": lambda branch, page_id: coin(self.seed, page_id),
+        }
+        store = types.SimpleNamespace(**{name: recorded(name, f) for name, f in operations.items()})
+        store.db, store.upsert_wiki_page = store, upsert
+        return store
 
     def collaborators(self):
-        functions = {
-            "_norm": lambda path: path,
-            "merged_predecessors": lambda remap: self.merged,
-            "carried_sections": lambda pairs: [f"{title}: {prose}" for title, prose in pairs],
-            "page_prose": lambda text, row: text or "none",
-            "cached_prose": lambda row: plain(row).get("summary", ""),
-            "with_carried": lambda text, sections: "|".join([plain(text), *plain(sections)]),
-            "_atomic_write": lambda path, text: None,
-        }
-        recorded = lambda name, function: lambda *args: self.record(name, args) or function(*args)
+        functions = COLLABORATORS | {"merged_predecessors": lambda remap: self.merged}
         watched = self.trace if self.traced else recorded
         names = {name: watched(name, function) for name, function in functions.items()}
         logger = types.SimpleNamespace(warning=watched("warning", lambda *args: None))
@@ -269,26 +345,16 @@ class World:
         return names | {"logger": self.trace("logger", logger), "NOTE_LEVEL": self.trace("NOTE_LEVEL", level)}
 
 
-def run(seed, rules, traced, fail_at=None, disturb_at=None, odd=False):
-    """What a replan gives or raises, and its operations; disturbed in the middle at operation number `disturb_at`."""
-    namespace, record = dict(vars(rules)), Recorder()
-    try:
-        world = World(seed, rules, record, traced, odd)
-        record.__init__(fail_at, disturb_at)
-        record.disturb = lambda: disturb(world, random.Random(f"{seed} {disturb_at}"))
-        Id.record = File.record = record
-        outcome = world.replan()
-    except Exception as error:
-        outcome = type(error), str(error)
-        assert record.fault in (None, error) or type(error) is RuntimeError  # the very object, or a swallowed one
-    finally:
-        Id.record = File.record = staticmethod(lambda *operation: None)
-        vars(rules).clear()
-        vars(rules).update(namespace)
-    return outcome, record.operations
+def fail(world, draw, gives):
+    world.raised = draw.choice([OSError("fault"), Fault("fault"), StopIteration(), KeyboardInterrupt()])
+    raise world.raised
 
 
-def disturb(world, draw):
+def give_something_odd(world, draw, gives):
+    return something_odd(draw)
+
+
+def disturb(world, draw, gives):
     """Changes something that is being read: a container, a name of the module, an attribute or method of the host."""
     value = lambda thing: getattr(thing, "value", thing)
     rows = [*map(value, world.rows)]
@@ -296,7 +362,7 @@ def disturb(world, draw):
     tables = [*rows, value(world.remap), world.merged, getattr(world, "existing", {})]
     lists += [world.rows, *world.merged.values()]
     sets = [value(world.plan_ids), getattr(world, "deletes", set())]
-    name, kind = draw.choice(MODULE_NAMES), type(world.host)
+    name, kind, odd = draw.choice(NAMES), type(world.host), something_odd(draw)
     method = draw.choice([name for name in vars(kind) if not name.startswith("__")])
     attribute = draw.choice(["repository", "branch", "repo_root", "pages_dir"])
     thing = draw.choice([*draw.sample(tables, 3), *draw.sample(lists, 2), *sets])
@@ -307,12 +373,36 @@ def disturb(world, draw):
             lambda: thing.update(new={}) if isinstance(thing, dict) else getattr(thing, "append", set().add)("new"),
             lambda: thing.update(dict.fromkeys(thing)),
             lambda: world.space.pop(name, None),
-            lambda: world.space.update({name: world.space.get("_norm")}),
-            lambda: setattr(world.host, attribute, "other"),
+            lambda: world.space.update({name: odd}),
+            lambda: setattr(world.host, attribute, odd),
             lambda: delattr(world.host, attribute),
-            lambda: setattr(kind, method, lambda *args: {"other"}),
+            lambda: setattr(kind, method, lambda *args: odd),
             lambda: delattr(kind, method),
             lambda: setattr(world.host, "__class__", type("Other", (), {**vars(kind), method: None})),
             lambda: setattr(world.host, method, dict),
         ]
     )()
+    return gives()
+
+
+def run(seed, rules, traced, odd=False, at=None, incident=None):
+    """What a replan gives or raises, and its operations, of which number `at` is the incident."""
+    namespace, recorder = dict(vars(rules)), Recorder(at)
+    world = World(seed, rules, traced, odd)
+    recorder.incident = lambda gives: incident(world, random.Random(f"{seed} {at}"), gives)
+    reset = RECORD.set(recorder)
+    try:
+        raise LookupError  # a caller that handles an exception itself
+    except LookupError as caller:
+        try:
+            outcome = world.replan()
+        except BaseException as error:
+            handled = sys.exc_info()[1] is error, error is getattr(world, "raised", None)
+            outcome = repr(error), repr(error.__context__), repr(error.__cause__), handled, frames(error.__traceback__)
+        assert sys.exc_info()[1] is caller
+    finally:
+        RECORD.reset(reset)
+        if not traced:
+            vars(rules).clear()
+            vars(rules).update(namespace)
+    return plain(outcome), recorder.operations

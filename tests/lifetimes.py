@@ -13,6 +13,7 @@ import weakref
 from pathlib import Path
 
 import oracle
+from memory_host import PLAN, REMAP, adopt, make_host
 
 try:
     import _interpreters as interpreters
@@ -25,40 +26,35 @@ SIBLINGS = ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.rep
 
 
 class Anything(types.ModuleType):
-    """A module, host, store, path and row: each operation on it gives itself."""
+    __getattr__ = lambda self, name: name.upper()
 
-    def __getattr__(self, name):
-        if name.startswith("__"):
-            raise AttributeError(name)
-        return self
 
-    __call__ = __getitem__ = __truediv__ = __enter__ = __ror__ = lambda self, *args, **kwargs: self
-    __iter__ = lambda self: iter([self, self])
-    __exit__ = lambda self, *error: None
+def resident():
+    return int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
 
 
 def use(module):
-    """A replan, and one that fails in the middle, with a module that nobody has used before."""
+    """A replan that carries prose, and one that fails in the middle, with a module that nobody has used before."""
     assert not hasattr(module.PageRetirementMixin, "used")
     module.PageRetirementMixin.used = True
-    names = "_atomic_write _norm cached_prose carried_sections merged_predecessors page_prose json NOTE_LEVEL".split()
-    vars(module).update(dict.fromkeys(names, Anything("any")), with_carried=lambda text, sections: "text")
-    host = type("Host", (module.PageRetirementMixin,), {"_indexed_paths": lambda self: {"a.c"}})()
-    host.repository = host.branch = host.pages_dir = host.repo_root = Anything("any")
-    assert host._apply_replan_to_store(Anything("any"), set()) == 0
-    module.with_carried = lambda text, sections: 1 / 0
+    adopt(module)
+    host = make_host(module)
+    assert host._apply_replan_to_store(REMAP, PLAN) == 4
+    host = make_host(module)
+    host.repository.upsert_wiki_page = lambda *args, **fields: 1 / 0
     try:
-        host._apply_replan_to_store(Anything("any"), set())
+        host._apply_replan_to_store(REMAP, PLAN)
     except ZeroDivisionError:
         return
-    raise AssertionError("the error did not come out")
+    raise AssertionError("the store's error did not come out")
 
 
 def fresh(plain=PLAIN):
     if plain:
         return importlib.reload(oracle)
     sys.modules.pop(NAME, None)
-    sys.modules.update({f"quillstone.{sibling}": Anything(sibling) for sibling in SIBLINGS})
+    for sibling in SIBLINGS:
+        sys.modules["quillstone." + sibling] = Anything(sibling)
     return importlib.import_module(NAME)
 
 
@@ -78,7 +74,6 @@ def again(watched):
 
 def main(run, rounds):
     watched = []
-    resident = lambda: int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
     for _ in range(rounds // 4):
         run(watched)
     gc.collect()

@@ -58,6 +58,8 @@ record = lambda *operation, **gives: RECORD.get()(*operation, **gives)
 
 def plain(value):
     """What can be compared, and reads the same wherever it lies."""
+    if isinstance(value, Odd):
+        return repr(value)
     if isinstance(value, Traced):
         return plain(value.value)
     if isinstance(value, dict | types.MappingProxyType):

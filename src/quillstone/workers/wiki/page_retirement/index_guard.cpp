@@ -105,7 +105,8 @@ struct RetiredOnlyBecauseTheIndexIsBehind {
     return py::truth(py::steal(PyNumber_And(distinct.get(), indexed)));
   }
 
-  /// Hashing these runs nobody's code, so it does not matter that a search stops at the first source that is indexed.
+  /// Hashing a plain str runs no Python code. Comparing it can, where a member of the index has an `__eq__` of its own;
+  /// such a member may be asked less often than by the intersection.
   static bool all_strings(Handle list) {
     PyObject** members = static_cast<PyListObject*>(list)->ob_item;
     return std::all_of(members, members + Py_SIZE(list), [](PyObject* member) { return PyUnicode_CheckExact(member); });

@@ -49,7 +49,8 @@ class Function {
   static Object make(Handle module_state, Handle globals, Handle qualified_name) {
     const Object builtin = steal(PyCFunction_New(&builtin_definition, module_state));
     const Object code = code_of(signature, qualified_name, builtin);
-    state_of<State>(module_state).codes.at(index) = steal(PyWeakref_NewRef(code.get(), nullptr));
+    if (index >= ModuleState::most_functions) raise(PyExc_SystemError, "the module's state has no room for a function");
+    state_of<State>(module_state).codes[index] = steal(PyWeakref_NewRef(code.get(), nullptr));
     Object function = function_over(signature, code, globals, qualified_name);
     set_entry(static_cast<PyFunctionObject*>(Handle(function)), &call);
     return function;
@@ -68,8 +69,8 @@ class Function {
     PyThreadState* thread = PyThreadState_Get();
     const bool complete = PyVectorcall_NARGS(flags) == Py_ssize_t{arity} && keywords == nullptr;
     PyObject* owner = complete ? owner_of(code) : nullptr;
-    if (owner == nullptr || state_of<State>(owner).watchers.any(thread, code) || !has_room(thread))
-      return by_interpreter(callable, arguments, flags, keywords);
+    if (owner == nullptr || !state_of<State>(owner).direct_calls.allowed(thread, code))
+      return by_interpreter.load(std::memory_order_relaxed)(callable, arguments, flags, keywords);
     if (!enter_call(thread)) return nullptr;
     PyObject* result = run(thread, owner, function->func_globals, function->func_builtins, arguments);
     leave_call(thread);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 
 #include "collection.hpp"
 #include "text.hpp"
@@ -17,7 +18,7 @@ namespace {
 
 PyCodeObject* code_of(PyObject* object) { return reinterpret_cast<PyCodeObject*>(object); }
 
-/// The file name of `where` in angle brackets: tools that look for the source of every function pass over it.
+/// The file name of `where` in angle brackets, so that coverage reports do not look for Python source in it.
 Object file_name(Where where) {
   const char* file = where.file_name();
   const char* slash = std::strrchr(file, '/');
@@ -36,10 +37,10 @@ void set_entry(PyFunctionObject* function, vectorcallfunc entry) {
 }
 
 #if PY_VERSION_HEX >= 0x030D0000
-bool Watchers::any_tool(PyThreadState*) {
+bool DirectCalls::watched(PyThreadState*) {
   static constexpr auto events = [] {
     std::array<std::uint8_t, _PY_MONITORING_UNGROUPED_EVENTS> all{};
-    for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<std::uint8_t>(i);
+    std::iota(all.begin(), all.end(), std::uint8_t{0});
     return all;
   }();
   const std::uint64_t known = version_;
@@ -49,8 +50,8 @@ bool Watchers::any_tool(PyThreadState*) {
   return active_;
 }
 #elif PY_VERSION_HEX >= 0x030C0000
-bool Watchers::any_tool(PyThreadState* thread) {
-  // The interpreter prepares all running code for its watchers at once, so the caller's knows of them.
+bool DirectCalls::watched(PyThreadState* thread) {
+  // The interpreter instruments all running code when a tool is set, so the code of the caller tells of it.
   if (thread->cframe->current_frame == nullptr) return true;
   const Object caller(PyUnstable_InterpreterFrame_GetCode(thread->cframe->current_frame));
   const auto* data = code_of(caller.get())->_co_monitoring;
@@ -133,10 +134,10 @@ Object generator_code(Handle, Where where) {
 
 void import_into(Handle globals, const char* module, std::initializer_list<const char*> names, Where where) {
   const auto count = static_cast<Py_ssize_t>(names.size());
-  const Object used = steal({PyTuple_New(1 + count), where});  // the module, then what is taken from it
-  PyTuple_SET_ITEM(used.get(), 0, Name({module, where}).release());
-  for (Py_ssize_t i = 0; i < count; ++i) PyTuple_SET_ITEM(used.get(), 1 + i, Name({names.begin()[i], where}).release());
-  const Object from_list = count ? steal({PyTuple_GetSlice(used.get(), 1, 1 + count), where}) : none();
+  const Object used = steal(PyTuple_New(1 + count));  // the module, then what is taken from it
+  PyTuple_SET_ITEM(used.get(), 0, Name(module).release());
+  for (Py_ssize_t i = 0; i < count; ++i) PyTuple_SET_ITEM(used.get(), 1 + i, Name(names.begin()[i]).release());
+  const Object from_list = count ? steal(PyTuple_GetSlice(used.get(), 1, 1 + count)) : none();
   Assembly code;
   code.emit(LOAD_CONST, 0);
   code.emit(LOAD_CONST, 1);
@@ -148,7 +149,7 @@ void import_into(Handle globals, const char* module, std::initializer_list<const
   count ? code.emit(POP_TOP) : code.emit(STORE_NAME, 0);
   code.emit(LOAD_CONST, 2);
   code.emit(RETURN_VALUE);
-  const Object constants = steal({PyTuple_Pack(3, integer({0, where}).get(), from_list.get(), Py_None), where});
+  const Object constants = steal(PyTuple_Pack(3, integer(0).get(), from_list.get(), Py_None));
   const Object statement = code.code(string("<module>"), 0, 3, CO_NOFREE, constants, used, strings(), where);
   steal({PyEval_EvalCode(statement.get(), globals, globals), where});
 }
@@ -157,23 +158,22 @@ void import_into(Handle globals, const char* module, std::initializer_list<const
 namespace {
 
 /// The code of the module that `source` is.
-Object compiled(Handle source) {
+Object compiled(Operand source) {
   const char* text = PyUnicode_AsUTF8(source);
-  if (text == nullptr) throw Error{Where::current()};
+  if (text == nullptr) throw Error{source.where};
   PyCompilerFlags flags = {.cf_flags = CO_FUTURE_ANNOTATIONS, .cf_feature_version = PY_MINOR_VERSION};
   constexpr int keep_docstrings = 0;
-  const Object no_file = string("");
-  return steal(Py_CompileStringObject(text, no_file.get(), Py_file_input, &flags, keep_docstrings));
+  return steal({Py_CompileStringExFlags(text, "", Py_file_input, &flags, keep_docstrings), source.where});
 }
 
 /// The code of the one function that `source` defines.
-Object compiled_function(Handle source) {
+Object compiled_function(Operand source) {
   return borrow(PyTuple_GET_ITEM(code_of(compiled(source).get())->co_consts, 0));
 }
 
 /// `code` with `changes`, as if it stood at `where`.
-Object moved(Handle code, Dict changes, Handle file, Where where) {
-  changes.set(Name("co_filename"), file);
+Object moved(Handle code, Dict changes, Where where) {
+  changes.set(Name("co_filename"), file_name(where));
   changes.set(Name("co_firstlineno"), integer(where.line()));
   const Object replace = steal(PyObject_GetAttrString(code, "replace"));
   return steal(PyObject_Call(replace.get(), steal(PyTuple_New(0)).get(), changes.get()));
@@ -189,11 +189,14 @@ Object calling_code(const char* name, Handle qualified_name, Handle parameters, 
                                                    string(doc).get(), list.get()));
   const Object code = compiled_function(source);
   const List constants{Operand(code_of(code.get())->co_consts)};
-  check(PyList_SetItem(constants.get(), constants.size() - 1, borrow(callee).release()));
+  const Py_ssize_t last = constants.size() - 1;
+  if (PyUnicode_CompareWithASCIIString(PyList_GET_ITEM(constants.get(), last), "callee") != 0)
+    raise(PyExc_SystemError, "the compiler has put the callee of a function somewhere else");
+  check(PyList_SetItem(constants.get(), last, borrow(callee).release()));
   Dict changes;
   changes.set(Name("co_consts"), steal(PyList_AsTuple(constants.get())));
   changes.set(Name("co_qualname"), qualified_name);
-  return moved(code, changes, file_name(where), where);
+  return moved(code, changes, where);
 }
 
 Object generator_code(Handle qualified_name, Where where) {
@@ -201,14 +204,14 @@ Object generator_code(Handle qualified_name, Where where) {
   changes.set(Name("co_name"), Name("<genexpr>"));
   changes.set(Name("co_qualname"), qualified_name);
   const Object source = string("def pairs(members, function):\n for member in members: yield function(member)");
-  return moved(compiled_function(source), changes, file_name(where), where);
+  return moved(compiled_function(source), changes, where);
 }
 
 void import_into(Handle globals, const char* module, std::initializer_list<const char*> names, Where where) {
   Object source = steal(PyUnicode_FromFormat(names.size() ? "from %s import " : "import %s", module));
   for (const char* name : names)
     source = steal(PyUnicode_FromFormat("%U%s%s", source.get(), name == *names.begin() ? "" : ", ", name));
-  const Object statement = moved(compiled(source), Dict(), file_name(where), where);
+  const Object statement = moved(compiled(source), Dict(), where);
   steal({PyEval_EvalCode(statement.get(), globals, globals), where});
 }
 #endif
@@ -243,11 +246,10 @@ CallingFrames::CallingFrames() = default;
 
 Object CallingFrames::call(const char* function, Handle globals, Where where, Handle callable, Handle arguments) {
   PyThreadState* thread = PyThreadState_Get();
-  const Object code =
-      steal({reinterpret_cast<PyObject*>(PyCode_NewEmpty(where.file_name(), function, static_cast<int>(where.line()))),
-             where});
-  const Object frame =
-      steal({reinterpret_cast<PyObject*>(PyFrame_New(thread, code_of(code.get()), globals, nullptr)), where});
+  const Object file = file_name(where);
+  const Object code = steal(reinterpret_cast<PyObject*>(
+      PyCode_NewEmpty(PyUnicode_AsUTF8(file.get()), function, static_cast<int>(where.line()))));
+  const Object frame = steal(reinterpret_cast<PyObject*>(PyFrame_New(thread, code_of(code.get()), globals, nullptr)));
   PyFrameObject* caller = std::exchange(thread->frame, static_cast<PyFrameObject*>(Handle(frame)));
   PyObject* result = PyObject_Call(callable, arguments, nullptr);
   thread->frame = caller;
@@ -263,14 +265,12 @@ Object CallingFrames::call(const char* function, Handle globals, Where where, Ha
   if (!code) {
     Dict changes;
     changes.set(Name("co_name"), string(function));
-    code = moved(code_, changes, string(where.file_name()), where);
+    code = moved(code_, changes, where);
     check({PyDict_SetItem(by_place_.get(), place.get(), code.get()), where});
   }
   const Object caller = steal({PyFunction_New(code.get(), globals), where});
   PyObject* operands[] = {callable, arguments};
-  PyObject* result = PyObject_Vectorcall(caller.get(), operands, std::size(operands), nullptr);
-  if (result == nullptr) throw Error{where, true};  // the frame has its entry
-  return Object(result);
+  return steal({PyObject_Vectorcall(caller.get(), operands, std::size(operands), nullptr), where});
 }
 #endif
 

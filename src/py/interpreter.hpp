@@ -1,7 +1,8 @@
-// All that depends on the interpreter's version or is no part of its public interface; nothing else names either.
+// What depends on the interpreter's version, and what is no part of its public interface. No other file checks the
+// version or uses a name that begins with _Py.
 //
-// CPython 3.10 keeps what makes it fast: functions whose code is assembled by hand, names remembered by version tags.
-// Later versions use the public interface, and code that their own compiler makes.
+// On CPython 3.10 code objects are assembled from instructions, and names are remembered by the version tags of dicts.
+// On later versions code objects are compiled from Python source, and dicts are watched from 3.12 on.
 #pragma once
 
 #include <array>
@@ -18,9 +19,9 @@ namespace py {
 
 // Calls
 
-/// PyObject_Vectorcall; on 3.10 with the check for a callee that does not keep to the protocol in line.
-inline PyObject* vectorcall(PyThreadState* thread, PyObject* callable, PyObject* const* stack, std::size_t flags,
-                            PyObject* keywords) {
+/// PyObject_Vectorcall; on 3.10 the check that a callee returned either a result or an error is inline.
+inline PyObject* vectorcall([[maybe_unused]] PyThreadState* thread, PyObject* callable, PyObject* const* stack,
+                            std::size_t flags, PyObject* keywords) {
 #if PY_VERSION_HEX < 0x030B0000
   const vectorcallfunc entry = PyVectorcall_Function(callable);
   if (entry == nullptr) [[unlikely]]
@@ -30,7 +31,6 @@ inline PyObject* vectorcall(PyThreadState* thread, PyObject* callable, PyObject*
     return result;
   return _Py_CheckFunctionResult(thread, callable, result, nullptr);
 #else
-  static_cast<void>(thread);
   return PyObject_Vectorcall(callable, stack, flags, keywords);
 #endif
 }
@@ -45,7 +45,8 @@ inline bool look_up_method(PyObject* object, PyObject* name, PyObject** found) {
 #endif
 }
 
-/// The attribute of a type that a statement of the language looks up, borrowed, or null without an error.
+/// The attribute `name` of a type or its bases, as a with statement looks `__enter__` up: a borrowed reference, or null
+/// without an error.
 inline PyObject* on_type(PyTypeObject* type, PyObject* name) { return _PyType_Lookup(type, name); }
 
 /// PyDict_GetItemWithError with the hash that a str keeps.
@@ -56,22 +57,23 @@ inline PyObject* dict_value(PyObject* dict, PyObject* key) {
 
 // Entering a function
 
-/// Tells whether somebody watches calls: a tracer, a profiler or, from 3.12 on, a tool of sys.monitoring.
-class Watchers {
+/// Tells whether a call may go straight to the body of its function: not while somebody watches calls (a tracer, a
+/// profiler or, from 3.12 on, a tool of sys.monitoring).
+class DirectCalls {
  public:
-  bool any(PyThreadState* thread, const PyCodeObject* code) {
+  bool allowed(PyThreadState* thread, [[maybe_unused]] const PyCodeObject* code) {
 #if PY_VERSION_HEX < 0x030C0000
-    static_cast<void>(code);
-    return thread->cframe->use_tracing != 0;
+    return thread->cframe->use_tracing == 0;
 #else
-    // Code that ran while it was watched keeps the data for that; from then on the interpreter sees to it.
-    return code->_co_monitoring != nullptr || any_tool(thread);
+    // Without a level of recursion left the interpreter raises the error. Code that once ran while it was watched keeps
+    // its instrumentation, and is left to the interpreter from then on.
+    return thread->py_recursion_remaining > 0 && code->_co_monitoring == nullptr && !watched(thread);
 #endif
   }
 
 #if PY_VERSION_HEX >= 0x030C0000
  private:
-  bool any_tool(PyThreadState* thread);
+  bool watched(PyThreadState* thread);
 #endif
 #if PY_VERSION_HEX >= 0x030D0000
   std::array<PyMonitoringState, _PY_MONITORING_UNGROUPED_EVENTS> states_{};
@@ -79,15 +81,6 @@ class Watchers {
   bool active_ = false;
 #endif
 };
-
-/// Whether a call from C may take a level of recursion; where there is none left, the interpreter words the error.
-inline bool has_room([[maybe_unused]] const PyThreadState* thread) {
-#if PY_VERSION_HEX < 0x030C0000
-  return true;
-#else
-  return thread->py_recursion_remaining > 0;
-#endif
-}
 
 /// Takes a level of recursion, of Python calls as of C calls; false with RecursionError set.
 inline bool enter_call([[maybe_unused]] PyThreadState* thread) {
@@ -109,15 +102,16 @@ inline void leave_call([[maybe_unused]] PyThreadState* thread) {
 #endif
 }
 
-/// The interpreter's own entry of a plain function, known once one has been made.
-inline vectorcallfunc by_interpreter = nullptr;
+/// The interpreter's own entry of a plain function, known once one has been made. Interpreters with locks of their own
+/// may write it, always the same value, at the same time.
+inline std::atomic<vectorcallfunc> by_interpreter = nullptr;
 
 /// Makes calls of `function` go to `entry`. On 3.11 those that the interpreter makes itself do not.
 void set_entry(PyFunctionObject* function, vectorcallfunc entry);
 
 // Code objects
 
-/// The code of a function that calls `callee`, its last constant, with all of its parameters.
+/// The code of a function whose body is `return callee(*parameters)`; `callee` is its last constant.
 Object calling_code(const char* name, Handle qualified_name, Handle parameters, const char* doc, Handle callee,
                     Where where);
 /// The code of a generator: `for member in members: yield function(member)`
@@ -128,13 +122,14 @@ void import_into(Handle globals, const char* module, std::initializer_list<const
 // Names of a namespace
 
 #if PY_VERSION_HEX < 0x030C0000
-/// Exact dicts are numbered anew at each change, and no two have the same number.
+/// Tells whether a dict has changed. The interpreter gives each dict a version tag, a number that no other dict has,
+/// and a new one at each change.
 class DictStates {
  public:
   using State = std::uint64_t;
   static constexpr State never = 0;
 
-  /// Where the number of `mapping` stands; what is no exact dict has one that nothing remembers.
+  /// Where the tag of `mapping` is stored; for what is no exact dict, a state that is never remembered.
   class Place {
    public:
     explicit Place(Handle mapping) noexcept
@@ -150,7 +145,8 @@ class DictStates {
   State watch(Handle dict) const noexcept { return Place(dict).now(); }
 };
 #else
-/// The interpreter tells when a dict that is watched changes, so all that was remembered before is looked up again.
+/// Tells whether a dict has changed. The interpreter calls `changed` before a change of any dict that is watched; all
+/// that was remembered until then is looked up again.
 class DictStates {
  public:
   struct State {
@@ -188,7 +184,7 @@ class DictStates {
 class CallingFrames {
  public:
   CallingFrames();
-  /// `callable(*arguments)` from a frame of `function` at `where`, for a callee that looks at its caller, as a logger
+  /// `callable(*arguments)` from a frame of `function` at `where`, for a callee that looks for its caller, as a logger
   /// does.
   Object call(const char* function, Handle globals, Where where, Handle callable, Handle arguments);
 
@@ -199,7 +195,7 @@ class CallingFrames {
 #endif
 };
 
-/// Makes an exception the one being handled, as an except clause does, for as long as this lives.
+/// While this object lives, `value` is the exception being handled, as in an except clause.
 class Handling {
  public:
   Handling(Object type, Object value, Object traceback) noexcept;
@@ -212,7 +208,7 @@ class Handling {
   _PyErr_StackItem item_;
 };
 
-/// Says that `type` has no method `name` that a with statement needs.
+/// Raises what a with statement raises where `type` has no method `name`.
 [[noreturn]] void no_context_manager(PyTypeObject* type, Operand name);
 
 // Modules

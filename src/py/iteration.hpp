@@ -5,27 +5,9 @@
 #include <iterator>
 
 #include "call.hpp"
+#include "turns.hpp"
 
 namespace py {
-
-/// Lets signal handlers and other threads run now and then, as the interpreter's own loops do.
-class Turns {
- public:
-  void next(Where where) {
-    if (--left_ == 0) [[unlikely]] {
-      left_ = between;
-      pause(where);
-    }
-  }
-
- private:
-  static constexpr unsigned between = 4096;
-  [[gnu::noinline]] static void pause(Where where) {
-    check({PyErr_CheckSignals(), where});
-    PyEval_RestoreThread(PyEval_SaveThread());
-  }
-  unsigned left_ = between;
-};
 
 /// PyIter_Next for a loop, out of line so that loops over lists stay small: a new reference, or null at the end.
 [[gnu::noinline]] inline PyObject* next_of(Handle iterator, Where where) {

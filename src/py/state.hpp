@@ -5,6 +5,7 @@
 
 #include "interpreter.hpp"
 #include "text.hpp"
+#include "turns.hpp"
 
 namespace py {
 
@@ -12,10 +13,12 @@ namespace py {
 struct ModuleState {
   static constexpr std::size_t most_functions = 16;
 
+  ModuleState() { Turns::prepare(); }
+
   Name __enter__{"__enter__"};
   Name __exit__{"__exit__"};
   DictStates dict_states;
-  Watchers watchers;
+  DirectCalls direct_calls;
   CallingFrames calling_frames;
   /// Weak references, by function: code leads to the state, so the state must not keep code alive.
   std::array<Object, most_functions> codes;

@@ -11,55 +11,45 @@ import json
 import sys
 import types
 
-import oracle
+import memory
+from generated import generate
 from leaks import growth
-from memory_host import PLAN, REMAP, ROWS, adopt, make_host
-from quillstone.workers.wiki import page_retirement
 
 
-def scenarios(rules):
+def pieces_of_work(rules):
     """Name of a piece of work to what prepares it; what that gives does it, and is called once."""
-    adopt(rules)
-    snapshot = {row["page_id"]: row for row in ROWS}
-
-    def prepared(work):
-        def prepare():
-            host = make_host(rules)
-            return lambda: work(host)
-
-        return prepare
-
-    judged = types.FunctionType(rules._judged_sources.__code__, {"__builtins__": {}})
-
-    def nameless(*arguments):
-        try:
-            return judged(*arguments)
-        except NameError:
-            return "no such name"
-
+    wiki = generate(16, 1)
+    wiki.seeds |= {"page-0000000": "page-0000004", "néw": "page-0000005"}
+    wiki.rows[5] = types.MappingProxyType(wiki.rows[5])
+    rules.logger = types.SimpleNamespace(warning=lambda *args: None)
+    rules.json = types.SimpleNamespace(dumps=lambda cache, ensure_ascii: "{}")
     guard = rules.PageRetirementMixin._retired_only_because_the_index_is_behind
     sources = {"_judged_sources": lambda page, existing: ("a.py", "b.py")}
     general = types.FunctionType(guard.__code__, {**vars(rules), **sources})
+    host = types.SimpleNamespace(repo_root=memory.Folder({}, "tree"))
+    replan = memory.operations(wiki, rules)["replan"]
+    judged = types.FunctionType(rules._judged_sources.__code__, {"__builtins__": {}})
+
+    def missing_name():
+        try:
+            return judged({"source_files": ["a"]}, {})
+        except NameError:
+            return "no such name"
 
     def body():
-        module = _imp.create_dynamic(page_retirement.__spec__)
-        return lambda: _imp.exec_dynamic(module) or vars(module).keys() - vars(page_retirement).keys()
+        module = _imp.create_dynamic(memory.page_retirement.__spec__)
+        return lambda: _imp.exec_dynamic(module) or vars(module).keys() - vars(memory.page_retirement).keys()
 
     def compiler():
         source = "def function(a): 'doc'; return (0 or 'callee')(a)"
-        return lambda: compile(source, "", "exec").co_consts[0].replace(co_name="other", co_firstlineno=7).co_name
+        return compile(source, "", "exec").co_consts[0].replace(co_name="other", co_firstlineno=7).co_name
 
-    if rules is page_retirement:
-        yield "body", body
-    yield "compile", compiler
-    yield "judged sources", lambda: lambda: rules._judged_sources({"related_pages": ["kept", "merged"]}, snapshot)
-    yield "missing name", lambda: lambda: nameless({"source_files": ["a"]}, {})
-    yield "guard", prepared(lambda host: general(host, "é", {}, frozenset({"c.py"}), snapshot))
-    yield "selection", prepared(lambda host: host._retired_page_ids(snapshot, PLAN))
-    yield "carry", prepared(lambda host: host._carry_into_successors(REMAP, {"merged", "index", "é"}))
-    yield "upsert", prepared(lambda host: host._upsert_successor("new", ROWS[0], ["f"], ["section"]))
-    yield "prune", prepared(lambda host: host._prune_retired_pages(snapshot, PLAN, REMAP))
-    yield "replan", prepared(lambda host: (host._apply_replan_to_store(REMAP, PLAN), sorted(host.repository.rows)))
+    return {
+        "body": body if rules is memory.page_retirement else lambda: compiler,
+        "missing name": lambda: missing_name,
+        "guard": lambda: lambda: general(host, "é", {}, frozenset({"c.py"}), {}),
+        "replan": lambda: replan.run,
+    }
 
 
 def attempt(prepare, start, stop):
@@ -94,6 +84,7 @@ def sweep(prepare, first):
 
 
 if __name__ == "__main__":
-    rules, name, start = {"module": page_retirement, "oracle": oracle}[sys.argv[1]], sys.argv[2], int(sys.argv[3])
+    rules = memory.page_retirement if sys.argv[1] == "module" else memory.plain_python()
+    prepare = pieces_of_work(rules)[sys.argv[2]]
     gc.freeze()
-    sweep(dict(scenarios(rules))[name], start)
+    sweep(prepare, int(sys.argv[3]))

@@ -1,5 +1,6 @@
 import os
 from collections import Counter
+from pathlib import Path
 
 import pytest
 import sqlalchemy as sa
@@ -8,6 +9,7 @@ from quillstone.storage.repository import wiki_pages
 
 DATABASES = {"sqlite": "sqlite:///{}/store.sqlite", "postgresql": os.environ.get("QUILLSTONE_TEST_DATABASE")}
 FIGURES = Counter()
+BENCHMARKS = Path(__file__).parent.parent / "benchmarks"
 
 
 def pytest_terminal_summary(terminalreporter):
@@ -18,6 +20,12 @@ def pytest_terminal_summary(terminalreporter):
 @pytest.fixture
 def figures():
     return FIGURES  # what was tried, by name, told at the end of the run
+
+
+@pytest.fixture
+def with_benchmarks():
+    """The environment of a process that imports the wikis in memory of the benchmarks."""
+    return {**os.environ, "PYTHONPATH": os.pathsep.join([str(BENCHMARKS), os.environ.get("PYTHONPATH", "")])}
 
 
 @pytest.fixture(params=[name for name, url in DATABASES.items() if url])

@@ -8,12 +8,11 @@ import gc
 import importlib
 import os
 import sys
-import types
 import weakref
 from pathlib import Path
 
-import oracle
-from memory_host import PLAN, REMAP, adopt, make_host
+import memory
+from generated import generate
 
 try:
     import _interpreters as interpreters
@@ -22,11 +21,6 @@ except ImportError:  # before 3.13
 
 PLAIN = sys.argv[3:] == ["plain"]
 NAME = "quillstone.workers.wiki.page_retirement"
-SIBLINGS = ("storage.repository", "workers.wiki.replan_carry", "workers.wiki.repo_facts", "workers.wiki_types")
-
-
-class Anything(types.ModuleType):
-    __getattr__ = lambda self, name: name.upper()
 
 
 def resident():
@@ -37,25 +31,19 @@ def use(module):
     """A replan that carries prose, and one that fails in the middle, with a module that nobody has used before."""
     assert not hasattr(module.PageRetirementMixin, "used")
     module.PageRetirementMixin.used = True
-    adopt(module)
-    host = make_host(module)
-    assert host._apply_replan_to_store(REMAP, PLAN) == 4
-    host = make_host(module)
-    host.repository.upsert_wiki_page = lambda *args, **fields: 1 / 0
+    replan = memory.operations(generate(16), module)["replan"]
+    assert replan.run() == replan.expected
+    upsert, memory.Store.upsert_wiki_page = memory.Store.upsert_wiki_page, lambda *args, **fields: 1 / 0
     try:
-        host._apply_replan_to_store(REMAP, PLAN)
+        replan.run()
     except ZeroDivisionError:
-        return
-    raise AssertionError("the store's error did not come out")
+        memory.Store.upsert_wiki_page = upsert
+    assert memory.Store.upsert_wiki_page is upsert
 
 
 def fresh(plain=PLAIN):
-    if plain:
-        return importlib.reload(oracle)
     sys.modules.pop(NAME, None)
-    for sibling in SIBLINGS:
-        sys.modules["quillstone." + sibling] = Anything(sibling)
-    return importlib.import_module(NAME)
+    return memory.plain_python() if plain else importlib.import_module(NAME)
 
 
 def in_subinterpreter(watched):
@@ -77,14 +65,14 @@ def main(run, rounds):
     for _ in range(rounds // 4):
         run(watched)
     gc.collect()
-    memory, blocks = resident(), sys.getallocatedblocks()
+    used, blocks = resident(), sys.getallocatedblocks()
     for _ in range(rounds):
         run(watched)
     sys.modules.pop(NAME, None)
-    vars(sys.modules.get("quillstone.workers.wiki", types)).pop("page_retirement", None)
+    vars(sys.modules["quillstone.workers.wiki"]).pop("page_retirement", None)
     gc.collect()
     left = sum(reference() is not None for reference in watched)
-    print((resident() - memory) // rounds, sys.getallocatedblocks() - blocks, left)
+    print((resident() - used) // rounds, sys.getallocatedblocks() - blocks, left)
 
 
 if __name__ == "__main__":

@@ -2,7 +2,6 @@
 
 import gc
 import itertools
-import os
 import random
 import signal
 import subprocess
@@ -22,12 +21,12 @@ ROUNDS += [("subinterpreters", 40, 30_000), pytest.param("subinterpreters", 1000
 
 
 @pytest.mark.parametrize(("what", "rounds", "bound"), ROUNDS)
-def test_what_is_dropped_is_freed(what, rounds, bound, figures):
+def test_what_is_dropped_is_freed(what, rounds, bound, with_benchmarks, figures):
     """A module takes some 30 KB; the bounds are for what the interpreter and its allocator take besides."""
 
     def measure(*plain):
         command = [sys.executable, Path(__file__).parent / "lifetimes.py", what, f"{rounds}", *plain]
-        environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0:quarantine_size_mb=1"}  # it keeps what is freed
+        environment = with_benchmarks | {"ASAN_OPTIONS": "detect_leaks=0:quarantine_size_mb=1"}  # keeps what is freed
         return map(int, subprocess.run(command, env=environment, check=True, capture_output=True).stdout.split())
 
     bytes_a_round, blocks, alive = measure()

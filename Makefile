@@ -14,7 +14,7 @@ export PIP_DISABLE_PIP_VERSION_CHECK := 1
 MODULE := $(shell find src stubs -type f) CMakeLists.txt pyproject.toml
 DATABASE_OPTION = $(if $(DATABASE),--database "$(DATABASE)")
 
-.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check format screenshots wheel install-into clean
+.PHONY: demo test check-host torture test-postgres reliability sanitize coverage lint bench bench-check bench-versions format screenshots wheel install-into clean
 
 demo: $(VENV)/demo.stamp  ## the main job on real input: make demo [REPO=path] [DATABASE=url]
 	$(BIN)/python docs/demo.py $(DATABASE_OPTION) $(if $(REPO),"$(REPO)")
@@ -80,6 +80,15 @@ bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again, and its plot
 	$(BIN)/python benchmarks/growth.py build/bench/growth.json
 	$(BIN)/python benchmarks/report.py build/bench
 
+bench-versions:  ## on each version that is found, the module beside Cython's build and plain Python: a table of BENCHMARKS.md
+	environments=; for version in 3.10 3.11 3.12 3.13 3.14; do \
+		PYENV_VERSION=$$version python$$version -c '' 2>/dev/null || continue; \
+		environment=.venv$$(test $$version = 3.10 || echo -$$version); \
+		$(MAKE) --no-print-directory PYTHON=python$$version $$environment/versions.stamp || exit; \
+		environments="$$environments $$environment"; \
+	done; \
+	$(BIN)/python benchmarks/versions.py $$environments
+
 bench-check: $(VENV)/module.stamp  ## instructions a page against their bounds; skipped without valgrind
 	$(BIN)/python benchmarks/instructions.py
 
@@ -135,7 +144,7 @@ $(VENV)/wheel.stamp: requirements/wheel.txt $(VENV)/build.stamp
 	$(BIN)/pip install --quiet -r $<
 	@touch $@
 
-KINDS := bench coverage lint postgres test
+KINDS := bench coverage lint postgres test versions
 $(KINDS:%=$(VENV)/%.stamp): $(VENV)/%.stamp: requirements/%.txt $(VENV)/demo.stamp
 	$(BIN)/pip install --quiet -r $<
 	@touch $@

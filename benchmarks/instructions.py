@@ -3,7 +3,7 @@
     instructions.py               check; exit status 1 where a bound is passed, 0 without valgrind
     instructions.py --update      store what is counted now, with a little room, as the new bounds
     instructions.py --pages 8000  count for a wiki of another size, too, to see that the cost a page stays what it is
-    instructions.py --work NAME PAGES TIMES    the process that is counted
+    instructions.py --work NAME PAGES TIMES [RULES]    the process that is counted; RULES is a file with the same rules
 
 A count is the same at every run, which a time is not. It depends on the interpreter's build and on the compiler, so
 the bounds leave some room. Each operation has two: for the module's own instructions, and for all, which are mostly
@@ -38,22 +38,23 @@ class Count(NamedTuple):
 ROOM = {"own": 1.03, "all": 1.08}  # where objects happen to lie in memory moves the interpreter's figures, not ours
 
 
-def work(name: str, pages: int, times: int) -> None:
+def work(name: str, pages: int, times: int, rules: str = "") -> None:
+    import memory
     from generated import generate
-    from memory import operations
 
     gc.disable()  # a pass that moves into or out of what is counted would look like a change
-    run = operations(generate(pages))[name].run
+    module = memory.rules_of(Path(rules)) if rules else memory.page_retirement
+    run = memory.operations(generate(pages), module)[name].run
     for _ in range(1 + times):  # the first one fills the interpreter's caches
         run()
 
 
-def count(name: str, pages: int, times: int) -> Count:
+def count(name: str, pages: int, times: int, python: str = sys.executable, rules: str = "") -> Count:
     # Without bytecode: the process that writes it would count what the next one does not.
     environment = {**os.environ, "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1"}
     with tempfile.TemporaryDirectory() as folder:
         profile = Path(folder, "profile")
-        program = [sys.executable, __file__, "--work", name, str(pages), str(times)]
+        program = [python, __file__, "--work", name, str(pages), str(times), rules]
         command = [*VALGRIND, f"--callgrind-out-file={profile}", *program]
         done = subprocess.run(command, env=environment, capture_output=True, text=True)
         if done.returncode or not profile.exists():
@@ -79,14 +80,14 @@ def parse(profile: Path) -> Count:
     return Count(own, everything)
 
 
-def instructions_a_page(name: str, pages: int = PAGES) -> Count:
-    once, again = count(name, pages, 1), count(name, pages, 1 + MORE_RUNS)
+def instructions_a_page(name: str, pages: int = PAGES, python: str = sys.executable, rules: str = "") -> Count:
+    once, again = (count(name, pages, times, python, rules) for times in (1, 1 + MORE_RUNS))
     return Count(*(round((more - less) / MORE_RUNS / pages) for less, more in zip(once, again, strict=True)))
 
 
 def main() -> int:
     if sys.argv[1:2] == ["--work"]:
-        work(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
+        work(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), sys.argv[5])
         return 0
     if not shutil.which("valgrind"):
         print("bench-check: skipped, valgrind is not installed (it comes with the package valgrind)")

@@ -59,7 +59,12 @@ logging.getLogger("quillstone").setLevel(logging.CRITICAL)  # the guard's warnin
 
 def plain_python() -> types.ModuleType:
     """The same rules in plain Python, as the tests spell them."""
-    spec = importlib.util.spec_from_file_location("oracle", ORACLE)
+    return rules_of(ORACLE)
+
+
+def rules_of(file: Path) -> types.ModuleType:
+    """The rules that a Python source or an extension module has, over the stand-ins."""
+    spec = importlib.util.spec_from_file_location("oracle", file)
     module = importlib.util.module_from_spec(spec)
     for members in SIBLINGS.values():
         vars(module).update(members)

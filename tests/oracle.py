@@ -1,6 +1,6 @@
-"""The rules in plain Python: what the module must touch, in which order, is what this touches.
+"""The rules in plain Python: the module does the same operations in the same order.
 
-The names that the module imports from its host are put into a copy of this namespace by the tests.
+Tests put the names that the module imports from its host into a copy of this namespace.
 """
 # ruff: noqa: F821
 # fmt: off

@@ -20,7 +20,7 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
-from worlds import Module, World
+from worlds import Module, World, restored
 
 LOG = []
 
@@ -56,12 +56,8 @@ class Changing(str):
 
 @pytest.fixture(autouse=True)
 def namespaces():
-    """Whatever a test puts into the module and into the rules in plain Python is taken out again."""
-    before = [(vars(rules), dict(vars(rules))) for rules in (page_retirement, oracle)]
-    yield
-    for namespace, names in before:
-        namespace.clear()
-        namespace.update(names)
+    with restored(page_retirement, oracle):
+        yield
 
 
 def names_are_looked_up_at_each_use(rules, host):

@@ -1,13 +1,13 @@
 """Modules and interpreters that come and go, and threads beside each other: nothing is left, nothing is shared."""
 
 import gc
-import itertools
 import random
 import signal
 import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -86,21 +86,17 @@ def test_threads_and_signals_do_not_meet(interruptions, switching_often, figures
 
     expected = [run(seed, oracle, True) for seed in range(8)]
     over, raised, same, draw = threading.Event(), [], [], random.Random(0)
-    threads = [threading.Thread(target=work) for _ in range(2)]
     previous = signal.signal(signal.SIGALRM, handler)
-    try:
-        for thread in threads:
-            thread.start()
-        for turn in itertools.count():
-            interrupted_replan(turn % len(expected))
-            if len(raised) >= interruptions:
-                break
-    finally:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        signal.signal(signal.SIGALRM, previous)
-        over.set()
-        for thread in threads:
-            thread.join()
+    with ThreadPoolExecutor(2) as pool:
+        working = [pool.submit(work) for _ in range(2)]
+        try:
+            while len(raised) < interruptions:
+                interrupted_replan(draw.randrange(len(expected)))
+        finally:
+            signal.setitimer(signal.ITIMER_REAL, 0)
+            signal.signal(signal.SIGALRM, previous)
+            over.set()
+        assert [thread.result() for thread in working] == [None] * 2
     assert same and all(same)
     figures["replans in threads"] += len(same)
     figures["replans that a signal interrupted"] += len(raised)

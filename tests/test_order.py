@@ -6,7 +6,7 @@ import pytest
 import oracle
 from quillstone.workers.wiki import page_retirement
 from quillstone.workers.wiki.page_retirement import PageRetirementMixin
-from worlds import World, disturb, fail, give_something_odd, run
+from worlds import World, disturb, fail, give_something_odd, restored, run
 
 TRACED = pytest.mark.parametrize("traced", [True, False])
 ODD = pytest.mark.parametrize("odd", [True, False])
@@ -36,19 +36,17 @@ FUNCTIONS = "_judged_sources _norm cached_prose carried_sections merged_predeces
 
 
 @pytest.mark.parametrize("name", [*METHODS, *FUNCTIONS, "_atomic_write"])
-def test_a_call_that_leads_back_ends_in_recursion_error(name, monkeypatch):
+def test_a_call_that_leads_back_ends_in_recursion_error(name):
     def again(*args):
         calls.append(name)
         return world.replan()
 
     for seed in range(20):
-        with monkeypatch.context() as patch:
-            for known in vars(page_retirement):
-                patch.setitem(vars(page_retirement), known, vars(page_retirement)[known])
+        with restored(page_retirement):
             calls, world = [], World(seed, page_retirement, False)
             for _ in range(2000):  # takes no level of recursion for good
                 page_retirement._judged_sources(page={}, existing={})
-            patch.setattr(type(world.host), name, again) if name in METHODS else patch.setitem(world.space, name, again)
+            setattr(type(world.host) if name in METHODS else page_retirement, name, again)
             try:
                 world.replan()
             except RecursionError:

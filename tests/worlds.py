@@ -6,6 +6,7 @@ that no sane host gives.
 
 import _testcapi
 import collections
+import contextlib
 import contextvars
 import functools
 import io
@@ -41,19 +42,14 @@ class Fault(Odd, Exception):
     pass
 
 
-class Recorder:
-    """Notes every operation and does it; number `at` is an incident instead."""
-
-    def __init__(self, at=None, incident=None):
-        self.operations, self.at, self.incident, self.raised = [], at, incident, None
-
-    def __call__(self, *operation, gives=lambda: None):
-        self.operations.append(plain(operation))
-        return self.incident(gives) if len(self.operations) - 1 == self.at else gives()
+RUN = contextvars.ContextVar("operations and incident of this thread's run", default=([], {}))
 
 
-RECORD = contextvars.ContextVar("the recorder of this thread", default=lambda *operation, gives=lambda: None: gives())
-record = lambda *operation, **gives: RECORD.get()(*operation, **gives)
+def record(*operation, gives=lambda: None):
+    """Notes an operation and does it, or what is to happen at its number instead."""
+    operations, incidents = RUN.get()
+    operations.append(plain(operation))
+    return incidents.get(len(operations) - 1, lambda gives: gives())(gives)
 
 
 def plain(value):
@@ -240,10 +236,6 @@ def frames(trace):
     return [code.co_name for code in codes if "<" not in (code.co_name[0], code.co_filename[0])]
 
 
-def recorded(name, function):
-    return lambda *args, **kwargs: record(name, args, kwargs, gives=lambda: function(*args, **kwargs))
-
-
 class World:
     """A host drawn from a seed: rows, index, plan, remap and collaborators.
 
@@ -323,26 +315,27 @@ class World:
     def replan(self):
         return self.host._apply_replan_to_store(self.remap, self.plan_ids)
 
-    def store(self):
-        def upsert(*args, **fields):
-            record("upsert", args, fields)
-            fields["symbols"].append("seen")  # which no other page's row is to show
+    def recorded(self, name, function):
+        """A function of the host, whose results are traced where everything is."""
+        gives = lambda *args, **kwargs: record(name, args, kwargs, gives=lambda: function(*args, **kwargs))
+        return self.trace(name, function) if self.traced else gives
 
-        operations = {
+    def store(self):
+        functions = {
             "transaction": lambda: Transaction(coin(self.seed, "swallow")),
             "get_wiki_pages": lambda branch: self.rows,
             "list_indexed_files": lambda *, source_only, limit: ([{"path": path} for path in self.indexed], 0, 0, 0),
             "delete_wiki_page": lambda branch, page_id: coin(self.seed, page_id),
+            "upsert_wiki_page": lambda *args, **fields: fields["symbols"].append("in no other page's row"),
         }
-        store = types.SimpleNamespace(**{name: recorded(name, f) for name, f in operations.items()})
-        store.db, store.upsert_wiki_page = store, upsert
+        store = types.SimpleNamespace(**{name: self.recorded(name, function) for name, function in functions.items()})
+        store.db = store
         return store
 
     def collaborators(self):
         functions = COLLABORATORS | {"merged_predecessors": lambda remap: self.merged}
-        watched = self.trace if self.traced else recorded
-        names = {name: watched(name, function) for name, function in functions.items()}
-        logger = types.SimpleNamespace(warning=watched("warning", lambda *args: None))
+        names = {name: self.recorded(name, function) for name, function in functions.items()}
+        logger = types.SimpleNamespace(warning=self.recorded("warning", lambda *args: None))
         level = "note" if self.seed % 4 else "module"
         return names | {"logger": self.trace("logger", logger), "NOTE_LEVEL": self.trace("NOTE_LEVEL", level)}
 
@@ -387,24 +380,35 @@ def disturb(world, draw, gives):
     return gives()
 
 
+@contextlib.contextmanager
+def restored(*modules):
+    """Takes out again what is put into the namespaces of modules."""
+    before = [dict(vars(module)) for module in modules]
+    try:
+        yield
+    finally:
+        for module, names in zip(modules, before, strict=True):
+            vars(module).clear()
+            vars(module).update(names)
+
+
 def run(seed, rules, traced, odd=False, at=None, incident=None):
     """What a replan gives or raises, and its operations, of which number `at` is the incident."""
-    namespace, recorder = dict(vars(rules)), Recorder(at)
-    world = World(seed, rules, traced, odd)
-    recorder.incident = lambda gives: incident(world, random.Random(f"{seed} {at}"), gives)
-    reset = RECORD.set(recorder)
-    try:
-        raise LookupError  # a caller that handles an exception itself
-    except LookupError as caller:
+    operations, incidents = [], {at: lambda gives: incident(world, random.Random(f"{seed} {at}"), gives)}
+    # Traced worlds have namespaces of their own, and may run at the same time.
+    with contextlib.nullcontext() if traced else restored(rules):
+        world = World(seed, rules, traced, odd)
+        reset = RUN.set((operations, incidents))
         try:
-            outcome = world.replan()
-        except BaseException as error:
-            handled = sys.exc_info()[1] is error, error is getattr(world, "raised", None)
-            outcome = repr(error), repr(error.__context__), repr(error.__cause__), handled, frames(error.__traceback__)
-        assert sys.exc_info()[1] is caller
-    finally:
-        RECORD.reset(reset)
-        if not traced:
-            vars(rules).clear()
-            vars(rules).update(namespace)
-    return plain(outcome), recorder.operations
+            raise LookupError  # a caller that handles an exception itself
+        except LookupError as caller:
+            try:
+                outcome = world.replan()
+            except BaseException as error:
+                handled = sys.exc_info()[1] is error, error is getattr(world, "raised", None)
+                causes = repr(error.__context__), repr(error.__cause__)
+                outcome = repr(error), causes, handled, frames(error.__traceback__)
+            assert sys.exc_info()[1] is caller
+        finally:
+            RUN.reset(reset)
+    return plain(outcome), operations

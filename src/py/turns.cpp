@@ -19,7 +19,7 @@ PyObject* shared_objects() { return PyInterpreterState_GetDict(PyInterpreterStat
 void Turns::prepare() {
   PyObject* shared = shared_objects();
   if (shared == nullptr) raise(PyExc_MemoryError, "no dict for objects of the interpreter");
-  PyObject* returns_none = reinterpret_cast<PyObject*>(Py_TYPE(Py_None));
+  auto* returns_none = reinterpret_cast<PyObject*>(Py_TYPE(Py_None));
   const Object code = calling_code("pause", string("pause"), steal(PyTuple_New(0)),
                                    "Lets signal handlers and other threads run.", returns_none, Where::current());
   const Object function = steal(PyFunction_New(code.get(), Dict().get()));

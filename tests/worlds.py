@@ -42,11 +42,13 @@ class Fault(Odd, Exception):
     pass
 
 
-RUN = contextvars.ContextVar("operations and incident of this thread's run", default=([], {}))
+RUN = contextvars.ContextVar("operations and incidents of this thread's run", default=None)
 
 
 def record(*operation, gives=lambda: None):
     """Notes an operation and does it, or what is to happen at its number instead."""
+    if RUN.get() is None:  # a world is still being made
+        return gives()
     operations, incidents = RUN.get()
     operations.append(plain(operation))
     return incidents.get(len(operations) - 1, lambda gives: gives())(gives)

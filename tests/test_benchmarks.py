@@ -46,7 +46,7 @@ def test_instructions_are_held_against_their_bounds(monkeypatch, tmp_path, capsy
     monkeypatch.setattr(instructions.shutil, "which", lambda program: program)
     statuses = []
     for own, everything in ((100, 1000), (101, 1000), (100, 1001)):
-        counted = lambda name, pages, times, own=own, everything=everything: (
+        counted = lambda name, pages, times, *build, own=own, everything=everything: (
             7 + times * own * pages,
             9 + times * everything * pages,
         )

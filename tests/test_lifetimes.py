@@ -40,16 +40,16 @@ print((int(Path("/proc/self/statm").read_text().split()[1]) - before) * os.sysco
 """
 
 
-@pytest.mark.parametrize("rounds", [40, pytest.param(1000, marks=pytest.mark.long)])
-def test_subinterpreters_that_end_take_the_module_along(rounds, with_benchmarks, figures):
-    """A module takes some 30 KB; some versions keep megabytes of every interpreter, whatever was in it."""
+@pytest.mark.parametrize(("rounds", "bound"), [(40, 30_000), pytest.param(1000, 2000, marks=pytest.mark.long)])
+def test_subinterpreters_that_end_take_the_module_along(rounds, bound, with_benchmarks, figures):
+    """The bound is for what allocators keep; some versions keep megabytes of each interpreter, whatever was in it."""
 
     def bytes_a_round(rules):
         command = [sys.executable, "-c", SUBINTERPRETERS, f"{rounds}", rules]
         environment = with_benchmarks | {"ASAN_OPTIONS": "detect_leaks=0:quarantine_size_mb=1"}  # keeps what is freed
         return int(subprocess.run(command, env=environment, check=True, capture_output=True).stdout)
 
-    assert bytes_a_round("memory.page_retirement") < 20_000 or bytes_a_round("memory.plain_python()") > 1_000_000
+    assert bytes_a_round("memory.page_retirement") < bound or bytes_a_round("memory.plain_python()") > 1_000_000
     figures["subinterpreters that came and went"] += rounds
 
 

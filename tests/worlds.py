@@ -200,12 +200,8 @@ def odd_row(draw, row):
     return draw.choice([*[row] * 9, types.MappingProxyType(row), collections.UserDict(row), 7, Row(row), keyless])
 
 
-@functools.cache
-def chance(text):
-    return random.Random(text).random() < 0.6
-
-
 coin = lambda *key: chance(repr(key))
+chance = functools.cache(lambda text: random.Random(text).random() < 0.6)
 
 
 class File(PurePosixPath):
@@ -397,10 +393,9 @@ def restored(*modules):
 def run(seed, rules, traced, odd=False, at=None, incident=None):
     """What a replan gives or raises, and its operations, of which number `at` is the incident."""
     operations, incidents = [], {at: lambda gives: incident(world, random.Random(f"{seed} {at}"), gives)}
-    # Traced worlds have namespaces of their own, and may run at the same time.
-    with contextlib.nullcontext() if traced else restored(rules):
-        world = World(seed, rules, traced, odd)
-        reset = RUN.set((operations, incidents))
+
+    def replan():
+        RUN.set((operations, incidents))
         try:
             raise LookupError  # a caller that handles an exception itself
         except LookupError as caller:
@@ -411,6 +406,9 @@ def run(seed, rules, traced, odd=False, at=None, incident=None):
                 causes = repr(error.__context__), repr(error.__cause__)
                 outcome = repr(error), causes, handled, frames(error.__traceback__)
             assert sys.exc_info()[1] is caller
-        finally:
-            RUN.reset(reset)
-    return plain(outcome), operations
+        return plain(outcome), operations
+
+    # Traced worlds have namespaces of their own, and may run at the same time.
+    with contextlib.nullcontext() if traced else restored(rules):
+        world = World(seed, rules, traced, odd)
+        return contextvars.copy_context().run(replan)  # which an interruption at any place leaves behind

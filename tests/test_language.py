@@ -31,6 +31,13 @@ class Text(str):
     __del__ = lambda self: LOG.append(f"{self} goes")
 
 
+class Manager(Text):
+    """A context manager that its methods do not hold."""
+
+    __enter__ = staticmethod(lambda: LOG.append("enter"))
+    __exit__ = staticmethod(lambda *error: LOG.append("exit"))
+
+
 class Row(dict):
     __del__ = lambda self: LOG.append(f"{self['page_id']} goes")
 
@@ -103,6 +110,8 @@ def what_is_no_longer_used_goes(rules, host):
     host._indexed_paths()
     host._indexed_paths, host._notes_whose_file_is_gone, rules.NOTE_LEVEL = lambda: {"p"}, set, "note"
     host._retired_page_ids(Rows(), set())
+    host._retired_page_ids, host.repository.db.transaction = lambda *pages: set(), lambda: Manager("manager")
+    host._prune_retired_pages({}, set())
 
 
 LOOKS = [names_are_looked_up_at_each_use, members_of_modules_are_looked_up_at_each_use]

@@ -302,8 +302,8 @@ class World:
             return gives() if name.startswith("__") else record("self", name, gives=gives)
 
         changed = {"_retired_page_ids": selected, "_prune_retired_pages": pruned, "__getattribute__": read}
-        for name in ("_indexed_paths", "_notes_whose_file_is_gone") if self.traced else ():
-            changed[name] = lambda host, *args, name=name: self.trace(name, methods[name](host, *args))
+        for name in ("_indexed_paths", "_notes_whose_file_is_gone") if self.traced or self.make_set is Picky else ():
+            changed[name] = lambda host, *args, name=name: self.trace(name, self.make_set(methods[name](host, *args)))
         host = type("Host", (), methods | changed)()
         host.repository, host.branch = self.trace("store", self.store()), "main"
         host.repo_root = self.trace("root", File(f"{self.seed}/root"))

@@ -112,7 +112,10 @@ class Id(str):
     """A page id whose uses are seen."""
 
     __format__ = lambda self, spec: record("format", str(self), spec, gives=lambda: f"<{self!s}>")
-    __hash__ = lambda self: record("hash", str(self), gives=lambda: str.__hash__(self))
+
+    def __hash__(self):
+        found = record("hash", str(self), gives=lambda: str.__hash__(self))
+        return found if isinstance(found, int) else hash(found)  # the interpreter leaks a hash that is no int
 
 
 class Alike(Id):

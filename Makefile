@@ -72,7 +72,7 @@ lint: $(VENV)/lint.stamp
 	$(BIN)/mypy host
 	cd host && ../$(BIN)/python -m mypy.stubtest --mypy-config-file ../pyproject.toml quillstone.workers.wiki.page_retirement
 
-bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again, and its plot
+bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again but those of the versions, and its plot
 	mkdir -p build/bench
 	rm -f build/bench/*
 	$(BIN)/python benchmarks/timed_memory.py --fast --output build/bench/memory.json
@@ -80,11 +80,11 @@ bench: $(VENV)/bench.stamp  ## every figure of BENCHMARKS.md again, and its plot
 	$(BIN)/python benchmarks/growth.py build/bench/growth.json
 	$(BIN)/python benchmarks/report.py build/bench
 
-bench-versions:  ## on each version that is found, the module beside Cython's build and plain Python: a table of BENCHMARKS.md
+bench-versions: $(VENV)/versions.stamp  ## on each version that is found, the module beside Cython's build and plain Python: a table of BENCHMARKS.md
 	environments=; for version in 3.10 3.11 3.12 3.13 3.14; do \
 		PYENV_VERSION=$$version python$$version -c '' 2>/dev/null || continue; \
 		environment=.venv$$(test $$version = 3.10 || echo -$$version); \
-		$(MAKE) --no-print-directory PYTHON=python$$version $$environment/versions.stamp || exit; \
+		PYENV_VERSION=$$version $(MAKE) --no-print-directory PYTHON=python$$version $$environment/versions.stamp || exit; \
 		environments="$$environments $$environment"; \
 	done; \
 	$(BIN)/python benchmarks/versions.py $$environments

@@ -87,7 +87,7 @@ def instructions_a_page(name: str, pages: int = PAGES, python: str = sys.executa
 
 def main() -> int:
     if sys.argv[1:2] == ["--work"]:
-        work(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), sys.argv[5])
+        work(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), *sys.argv[5:])
         return 0
     if not shutil.which("valgrind"):
         print("bench-check: skipped, valgrind is not installed (it comes with the package valgrind)")

@@ -49,7 +49,7 @@ def test_subinterpreters_that_end_take_the_module_along(rounds, bound, with_benc
         environment = with_benchmarks | {"ASAN_OPTIONS": "detect_leaks=0:quarantine_size_mb=1"}  # keeps what is freed
         return int(subprocess.run(command, env=environment, check=True, capture_output=True).stdout)
 
-    assert bytes_a_round("memory.page_retirement") < bound or bytes_a_round("memory.plain_python()") > 1_000_000
+    assert bytes_a_round("memory.page_retirement") < max(bound, bytes_a_round("memory.plain_python()") * 1.05)
     figures["subinterpreters that came and went"] += rounds
 
 

@@ -107,8 +107,9 @@ def test_any_allocation_may_fail(work, with_benchmarks, figures):
     """Faults are those that the interpreter itself has then, as its compiler, which the body makes use of."""
     kinds = lambda faults: {re.sub(r"\d+ blocks|SystemError.*", "", fault["fault"]) for fault in faults}
     failed, faults = sweep("module", work, with_benchmarks)
+    assembled = sys.version_info < (3, 11)  # no compiler is at work there
     assert failed >= WORK[work]
-    assert not faults or kinds(faults) <= kinds(sweep("oracle", work, with_benchmarks)[1])
+    assert not faults or not assembled and kinds(faults) <= kinds(sweep("oracle", work, with_benchmarks)[1])
     figures["allocations failed"] += failed
 
 

@@ -63,7 +63,8 @@ bool DirectCalls::watched(PyThreadState* thread) {
 // Code objects
 
 #if PY_VERSION_HEX < 0x030B0000
-// Assembled, since this version's compiler corrupts its heap when memory runs out.
+// Assembled, since this version's compiler may crash when memory runs out (ARCHITECTURE.md, Versions of the
+// interpreter).
 namespace {
 
 class Assembly {
@@ -247,9 +248,11 @@ CallingFrames::CallingFrames() = default;
 Object CallingFrames::call(const char* function, Handle globals, Where where, Handle callable, Handle arguments) {
   PyThreadState* thread = PyThreadState_Get();
   const Object file = file_name(where);
-  const Object code = steal(reinterpret_cast<PyObject*>(
-      PyCode_NewEmpty(PyUnicode_AsUTF8(file.get()), function, static_cast<int>(where.line()))));
-  const Object frame = steal(reinterpret_cast<PyObject*>(PyFrame_New(thread, code_of(code.get()), globals, nullptr)));
+  const auto line = static_cast<int>(where.line());
+  const Object code =
+      steal({reinterpret_cast<PyObject*>(PyCode_NewEmpty(PyUnicode_AsUTF8(file.get()), function, line)), where});
+  const Object frame =
+      steal({reinterpret_cast<PyObject*>(PyFrame_New(thread, code_of(code.get()), globals, nullptr)), where});
   PyFrameObject* caller = std::exchange(thread->frame, static_cast<PyFrameObject*>(Handle(frame)));
   PyObject* result = PyObject_Call(callable, arguments, nullptr);
   thread->frame = caller;

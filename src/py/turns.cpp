@@ -7,7 +7,7 @@
 namespace py {
 namespace {
 
-constexpr const char* key = "quillstone.workers.wiki.page_retirement: pause";
+constexpr const char* key = "py::Turns::pause";
 
 PyObject* shared_objects() { return PyInterpreterState_GetDict(PyInterpreterState_Get()); }
 

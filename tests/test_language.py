@@ -192,7 +192,8 @@ def test_a_thread_in_a_long_loop_lets_others_run_and_ends_with_the_interpreter()
         from quillstone.workers.wiki import page_retirement
         started, numbers = threading.Event(), itertools.count()
         page_retirement._norm = bool  # no Python code runs in the loop
-        page = {"source_files": itertools.chain(map(lambda n: started.set(), "a"), itertools.islice(numbers, 2 * 10**7))}
+        many = itertools.islice(numbers, 2 * 10**7)
+        page = {"source_files": itertools.chain(map(lambda n: started.set(), "a"), many)}
         threading.Thread(target=page_retirement._judged_sources, args=(page, {}), daemon=True).start()
         started.wait()
         assert next(numbers) < 10**7, "waiting for the interpreter lock took too long"  # usually some 30,000 turns

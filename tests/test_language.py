@@ -92,16 +92,6 @@ def members_of_modules_are_looked_up_at_each_use(rules, host):
         host._upsert_successor("new", {}, [], ())
 
 
-def pairs_are_drawn_one_by_one(rules, host):
-    seen, rows = [], [{"page_id": page_id, "title": page_id.title()} for page_id in "abc"]
-    host.repository.get_wiki_pages = lambda branch: rows
-    rules.merged_predecessors, rules.with_carried = lambda remap: {"c": ["a", "b"]}, lambda text, blocks: ""
-    rules.carried_sections = lambda pairs: seen.append(pairs) or ["".join(next(pairs))]
-    LOG.append(host._carry_into_successors({}, {"a", "b"}))
-    (pairs,) = seen
-    LOG.append((type(pairs), pairs.__qualname__, pairs.gi_frame is not None, pairs.close(), list(pairs)))
-
-
 def what_is_no_longer_used_goes(rules, host):
     answers = [([{"path": "p"}], *map(Text, ("more", "limit", "total")))]
     rules._norm = lambda path: LOG.append(f"norm {path}")
@@ -117,7 +107,7 @@ def what_is_no_longer_used_goes(rules, host):
 LOOKS = [names_are_looked_up_at_each_use, members_of_modules_are_looked_up_at_each_use]
 
 
-@pytest.mark.parametrize("scenario", [*LOOKS, pairs_are_drawn_one_by_one, what_is_no_longer_used_goes])
+@pytest.mark.parametrize("scenario", [*LOOKS, what_is_no_longer_used_goes])
 def test_it_goes_as_in_plain_python(scenario):
     def outcome(rules):
         LOG.clear()
@@ -132,9 +122,10 @@ def test_it_goes_as_in_plain_python(scenario):
 
 @pytest.mark.parametrize("profiled", [False, True])
 @pytest.mark.parametrize("keywords", [False, True])
-def test_tracebacks_and_records_name_method_file_and_line(keywords, profiled, caplog):
+def test_tracebacks_and_records_name_method_file_and_line(keywords, profiled, caplog, request):
     seen, host = [], type("Host", (PageRetirementMixin,), {})()
     host.repository = types.SimpleNamespace(list_indexed_files=lambda **keywords: 1 / 0)
+    request.addfinalizer(lambda: sys.setprofile(None))
     sys.setprofile((lambda frame, event, _: seen.append((event, frame.f_code.co_name))) if profiled else None)
     with pytest.raises(ZeroDivisionError) as error:
         PageRetirementMixin._indexed_paths(**{"self": host}) if keywords else host._indexed_paths()
@@ -152,11 +143,12 @@ def test_tracebacks_and_records_name_method_file_and_line(keywords, profiled, ca
 
 
 @pytest.mark.skipif(sys.version_info < (3, 12), reason="sys.monitoring is of 3.12")
-def test_a_monitoring_tool_sees_calls_for_as_long_as_it_is_there():
+def test_a_monitoring_tool_sees_calls_for_as_long_as_it_is_there(request):
     monitoring, seen = getattr(sys, "monitoring", None), []
     page_retirement._norm = str
     code, start = page_retirement._judged_sources.__code__, monitoring.events.PY_START
     monitoring.use_tool_id(4, "test")
+    request.addfinalizer(lambda: monitoring.free_tool_id(4))
     monitoring.register_callback(4, start, lambda started, offset: seen.append(started))
     for everywhere, here in ((start, 0), (0, 0), (0, start), (0, 0)):
         monitoring.set_events(4, everywhere)
@@ -164,19 +156,18 @@ def test_a_monitoring_tool_sees_calls_for_as_long_as_it_is_there():
         seen.clear()
         assert list(map(page_retirement._judged_sources, [{"source_files": ["a"]}], [{}])) == [["a"]]
         assert seen.count(code) == bool(everywhere or here)
-    monitoring.free_tool_id(4)
 
 
-def test_signals_come_through_in_long_loops():
+def test_signals_come_through_in_long_loops(request):
     page_retirement._norm = operator.truth  # no Python code runs in the loop
     numbers, many = itertools.count(), 10**7
     children = {"related_pages": itertools.islice(itertools.repeat("x"), many)}
     before = signal.signal(signal.SIGALRM, lambda *args: 1 / 0)
+    request.addfinalizer(lambda: signal.signal(signal.SIGALRM, before))
     for page in ({"source_files": itertools.islice(numbers, many)}, children):
         signal.setitimer(signal.ITIMER_REAL, 0.05)
         with pytest.raises(ZeroDivisionError):
             page_retirement._judged_sources(page, {})
-    signal.signal(signal.SIGALRM, before)
     assert next(numbers) < many and next(children["related_pages"])  # in the middle of a loop, not after it
 
 

@@ -37,7 +37,7 @@ Object function_over(const Signature& signature, Handle code, Handle globals, Ha
 /// The code of the function, which calls `builtin`.
 Object code_of(const Signature& signature, Handle qualified_name, Handle builtin);
 
-/// Makes the function that `Definition` describes, as a member of `module_state`'s module.
+/// Makes one function of the module that `module_state` belongs to.
 using MakeFunction = Object (*)(Handle module_state, Handle globals, Handle qualified_name);
 
 inline std::size_t functions_defined = 0;

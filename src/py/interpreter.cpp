@@ -162,6 +162,7 @@ namespace {
 Object compiled(Operand source) {
   const char* text = PyUnicode_AsUTF8(source);
   if (text == nullptr) throw Error{source.where};
+  // The flag is one that the code of each function has, as if its source were under that import.
   PyCompilerFlags flags = {.cf_flags = CO_FUTURE_ANNOTATIONS, .cf_feature_version = PY_MINOR_VERSION};
   constexpr int keep_docstrings = 0;
   return steal({Py_CompileStringExFlags(text, "", Py_file_input, &flags, keep_docstrings), source.where});

@@ -256,7 +256,8 @@ class World:
         for page_id in [*ids, *some(ids, 1)]:
             row = {"page_id": page_id, "title": draw.choice(["", f"Title {page_id}", None])}
             row |= {"level": draw.choice(levels), "rel_path": draw.choice([None, "notes/x.md"])}
-            files = draw.choice([None, [], ["d.c", "b.c", "a.c", "c.c", "b.c"]])
+            some_files = ["d.c", "b.c", "a.c", "c.c"]
+            files = draw.choice([None, [], [*some_files, "b.c"], [*some_files, Id("b.c")]])
             row |= {"source_files": files, "related_pages": some(ids, 3), "summary": f"of {page_id}"}
             row |= {"build_cache": draw.choice([None, "text", {"prose": "old", "é": [1]}])}
             self.rows.append(self.trace(f"row {page_id}", odd_row(draw, row) if odd else row))
